@@ -1,0 +1,106 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <exception>
+#include <sstream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <quillon/handlers/register.h>
+#include <quillon/platform/configuration.h>
+
+#include "api_call.h"
+#include "command.h"
+#include "output.h"
+#include "usage_commands.h"
+#include "user_commands.h"
+
+namespace {
+
+// A standard stream that is closed would be taken by the next file or connection that is opened,
+// and our output would end up in there. In the wrong direction, every use of it still fails.
+void OccupyStandardStreams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0) {
+      ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
+// CLI11 splits "[a,b]" into two names, and there may be an account that is called so.
+void RefuseBrackets(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string argument = argv[i];
+    if (argument.starts_with('[') && argument.ends_with(']')) {
+      throw CLI::ValidationError(argument, "a name in brackets is given on standard input, with -");
+    }
+  }
+}
+
+void UseConfigurationOf(const CLI::Option& file) {
+  using namespace quillon::platform;
+  if (file.count() != 0) {
+    UseConfiguration(LoadConfiguration(file.as<std::string>()));
+  } else {
+    CurrentConfiguration();
+  }
+}
+
+// Help and version are asked for by "errors" too.
+int Answer(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
+    WriteError(error.what());
+    WriteError("--help shows how to use it");
+    return kWrongUsage;
+  }
+  std::ostringstream text;
+  app.exit(error, text, text);
+  WriteOutput(text.str());
+  return kDone;
+}
+
+int Execute(int argc, char** argv) {
+  CLI::App app("Administers the mail server of this host.", "quillonctl");
+  Command command;
+  const CLI::Option* configuration =
+      app.add_option("--config", "configuration file")
+          ->type_name("FILE")
+          ->default_str(quillon::platform::kDefaultConfigurationFile);
+  app.set_version_flag("--version", "quillonctl " QUILLON_VERSION);
+  app.require_subcommand(0, 1);
+  app.footer("Example: quillonctl user list --above 80");
+  AddUserCommands(app, command);
+  AddUsageCommands(app, command);
+  try {
+    RefuseBrackets(argc, argv);
+    app.parse(argc, argv);
+    if (!command) {
+      throw CLI::RequiredError("A command");
+    }
+  } catch (const CLI::ParseError& error) {
+    return Answer(app, error);
+  }
+
+  UseConfigurationOf(*configuration);
+  quillon::handlers::RegisterAll();
+  return command();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  OccupyStandardStreams();
+  // For the width of names; nothing else depends on it.
+  static_cast<void>(std::setlocale(LC_CTYPE, "C.UTF-8"));
+  try {
+    return Execute(argc, argv);
+  } catch (const CallError& error) {
+    WriteError(fmt::format("{} (error {})", error.what(), error.code()));
+  } catch (const std::exception& error) {
+    WriteError(error.what());
+  }
+  return kFailed;
+}

@@ -1,0 +1,126 @@
+#include "usage_commands.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+#include <json/value.h>
+
+#include "api_call.h"
+#include "names.h"
+#include "output.h"
+#include "size.h"
+
+namespace {
+
+// Few enough for the progress to move, many enough for the calls not to matter.
+constexpr std::size_t kNamesPerCall = 50;
+
+struct CountOptions {
+  std::vector<std::string> names;
+  bool as_json = false;
+};
+
+// A line on standard error, when that is a terminal, which is gone at the end of the object's life.
+class Progress {
+ public:
+  explicit Progress(std::size_t total) : total_(total) {}
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  ~Progress() { Show(""); }
+
+  void Report(std::size_t done) {
+    Show(fmt::format("counting: {} of {}", done, CountOfUsers(total_)));
+  }
+
+ private:
+  void Show(const std::string& text) const {
+    constexpr char kEraseToEndOfLine[] = "\x1b[K";
+    if (is_terminal_) {
+      static_cast<void>(std::fputs(("\r" + text + kEraseToEndOfLine).c_str(), stderr));
+    }
+  }
+
+  const std::size_t total_;
+  const bool is_terminal_ = ::isatty(STDERR_FILENO) == 1;
+};
+
+Json::Value AllNames() { return Call("Quillon.MailServer.User", "names", Json::Value())["names"]; }
+
+// Counts chunk by chunk, until one of them is skipped; answers like a single count of them all.
+Json::Value Count(const Json::Value& names) {
+  Json::Value answer;
+  answer["counted"] = Json::Value(Json::arrayValue);
+  answer["skipped"] = false;
+  Progress progress(names.size());
+  for (Json::ArrayIndex begin = 0; begin < names.size() && !answer["skipped"].asBool();) {
+    progress.Report(begin);
+    const auto end =
+        static_cast<Json::ArrayIndex>(std::min<std::size_t>(begin + kNamesPerCall, names.size()));
+    Json::Value params;
+    Json::Value& chunk = params["names"] = Json::Value(Json::arrayValue);
+    for (; begin < end; ++begin) {
+      chunk.append(names[begin]);
+    }
+    Json::Value data = Call("Quillon.MailServer.Usage", "count", params);
+    for (Json::Value& user : data["counted"]) {
+      answer["counted"].append(std::move(user));
+    }
+    if (data["skipped"].asBool()) {
+      answer["skipped"] = true;
+      answer["reason"] = data["reason"];
+    }
+  }
+  return answer;
+}
+
+std::string Summary(const Json::Value& answer) {
+  unsigned long long bytes = 0;
+  for (const Json::Value& user : answer["counted"]) {
+    bytes += user["usage"].asUInt64();
+  }
+  return fmt::format("usage of {} counted: {} ({} bytes)\n", CountOfUsers(answer["counted"].size()),
+                     FormatSize(bytes), bytes);
+}
+
+int CountUsage(const CountOptions& options) {
+  const Json::Value names = options.names.empty() ? AllNames() : NameArray(options.names);
+  const Json::Value answer = Count(names);
+  const bool is_skipped = answer["skipped"].asBool();
+  if (options.as_json) {
+    WriteJson(answer);
+  } else if (!is_skipped) {
+    WriteOutput(Summary(answer));
+  }
+  if (is_skipped) {
+    WriteError(fmt::format("usage of {} of {} counted, then {}", answer["counted"].size(),
+                           CountOfUsers(names.size()), answer["reason"].asString()));
+  }
+  return is_skipped ? kFailed : kDone;
+}
+
+}  // namespace
+
+void AddUsageCommands(CLI::App& app, Command& command) {
+  CLI::App* usage = app.add_subcommand("usage", "How much mail users store");
+  usage->require_subcommand(0, 1);
+  usage->footer("Example: quillonctl usage count");
+
+  const auto options = std::make_shared<CountOptions>();
+  CLI::App* count = usage->add_subcommand(
+      "count", "Count the mail of users, or of all mail users, into the usage store");
+  AddNames(*count, options->names);
+  count->add_flag("--json", options->as_json, "print JSON");
+  count->footer("Example: quillonctl usage count alice bob");
+  count->callback([options, &command] {
+    options->names = ReadNames(options->names);
+    command = [options] { return CountUsage(*options); };
+  });
+}

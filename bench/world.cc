@@ -1,0 +1,127 @@
+#include "world.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include <quillon/platform/configuration.h>
+#include <velamailserver/account/mailbox_quota.h>
+
+#include "support/program.h"
+
+namespace quillon::bench {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr unsigned int kFirstUid = 100000;
+
+std::vector<std::string> ReadNames(const std::string& folder) {
+  std::vector<std::string> names;
+  std::ifstream file(folder + "/names");
+  for (std::string name; std::getline(file, name);) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+// Names as people have them: in no order that follows the uids, of differing length.
+std::vector<std::string> MakeNames(std::size_t users) {
+  constexpr const char* kGiven[] = {"anna",      "bert", "carla",    "dmitri",
+                                    "elisabeth", "fan",  "giuseppe", "hana"};
+  std::vector<std::size_t> numbers(users);
+  std::iota(numbers.begin(), numbers.end(), std::size_t{0});
+  std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
+  std::vector<std::string> names;
+  for (const std::size_t number : numbers) {
+    names.push_back(fmt::format("{}.{}", kGiven[number % std::size(kGiven)], number));
+  }
+  return names;
+}
+
+}  // namespace
+
+void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket) {
+  fs::create_symlink(redis_socket, folder + "/redis.sock");
+  std::ofstream passwd(folder + "/passwd");
+  std::ofstream list(folder + "/names");
+  unsigned int uid = kFirstUid;
+  for (const std::string& name : MakeNames(users)) {
+    passwd << fmt::format("{}:x:{}:100::/home/{}:/usr/sbin/nologin\n", name, uid++, name);
+    list << name << '\n';
+  }
+  std::ofstream(folder + "/group") << "mail-users:x:100:\n";
+  std::ofstream(folder + "/mailserver.toml")
+      << fmt::format(R"([accounts]
+passwd_file = "{0}/passwd"
+group_file = "{0}/group"
+min_uid = {1}
+max_uid = {2}
+
+[maildir]
+root = "{0}/spool"
+
+[quota]
+store = "sqlite://{0}/quota.db"
+
+[usage]
+socket = "{0}/redis.sock"
+
+[log]
+target = "file"
+file = "{0}/mail.log"
+)",
+                     folder, kFirstUid, kFirstUid + users - 1);
+}
+
+void FillStores(const std::string& folder) {
+  platform::UseConfiguration(platform::LoadConfiguration(folder + "/mailserver.toml"));
+  const std::vector<std::string> names = ReadNames(folder);
+
+  // A few hundred different limits, so that neither store holds one value throughout.
+  constexpr std::size_t kBatches = 200;
+  velamailserver::account::MailboxQuota store;
+  for (std::size_t batch = 0; batch < kBatches; ++batch) {
+    std::vector<velamailserver::velasdk::VelaUser> users;
+    for (std::size_t i = batch; i < names.size(); i += kBatches) {
+      users.emplace_back(names[i]);
+    }
+    store.SetUserQuotaLimit(users, (batch + 1) << 26);
+    store.SetUserQuotaWarning(users, (batch + 1) << 25);
+  }
+
+  std::string commands;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    commands += fmt::format("SET {}/quota/storage {}\n", names[i], i * 7919 + 13);
+  }
+  const auto outcome = test::Run({"redis-cli", "-s", folder + "/redis.sock", "--pipe"}, commands);
+  if (outcome.exit_code != 0) {
+    throw std::runtime_error("redis-cli: " + outcome.output + outcome.error);
+  }
+}
+
+void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes) {
+  const std::vector<std::string> names = ReadNames(folder);
+  const std::string text = "From: <a@example>\r\nTo: <b@example>\r\nSubject: x\r\n\r\nHello.\r\n";
+  for (const std::string& name : names) {
+    const std::string maildir = folder + "/spool/local/" + name;
+    for (const char* part : {"cur", "new", "tmp"}) {
+      fs::create_directories(maildir + "/" + part);
+    }
+    for (std::size_t i = 0; i < messages / names.size(); ++i) {
+      const std::string body = text + std::string(i % 997, 'x');
+      std::ofstream(fmt::format("{}/cur/17000{:05}.M{}P1.host{}:2,S", maildir, i, i * 31,
+                                names_carry_sizes ? fmt::format(",S={}", body.size()) : ""))
+          << body;
+    }
+  }
+}
+
+}  // namespace quillon::bench

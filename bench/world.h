@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace quillon::bench {
+
+/// Makes a host in `folder`: `users` accounts whose names are in no order, a configuration file
+/// "mailserver.toml" for it and the file "names" with the name of every user. Its usage store is
+/// the Redis server at `redis_socket`, to which FOLDER/redis.sock becomes a link.
+void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket);
+
+/// Gives every user of the host a limit, a warning level and a usage.
+void FillStores(const std::string& folder);
+
+/// Gives every user of the host the same number of messages, `messages` in all. Their names carry
+/// their sizes or do not.
+void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes);
+
+}  // namespace quillon::bench

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include <json/value.h>
+
+namespace VELA {
+
+/// How a handler refuses a call: the code and the message of the envelope's "error".
+class APIError : public std::runtime_error {
+ public:
+  APIError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
+};
+
+/// The WebAPIs of this process, by name, version and method.
+///
+/// An answer is an envelope: {"success": true, "data": …} or {"success": false, "error": {"code":
+/// …, "message": …}}. Safe for use from several threads, as far as the handlers are.
+class APIRunner {
+ public:
+  /// Codes of an envelope's error that are the runner's own. A handler that throws `LogException`
+  /// or `APIError` answers with that exception's code.
+  enum Code : int {
+    kBadParameters = 400,
+    kUnknownAPI = 404,
+    kUnknownMethod = 405,
+    kHandlerFailed = 500,
+    kUnsupportedVersion = 505,
+  };
+
+  /// Answers the "data" of a successful call. `params` outlives the call only. Throws to refuse or
+  /// fail: `APIError`, `LogException`, or any other exception for `kHandlerFailed`.
+  using Handler = std::function<Json::Value(const Json::Value& params)>;
+
+  /// Makes a method callable; a later registration of the same three replaces the earlier one,
+  /// calls that are under way finish with the one they began with.
+  static void Register(const std::string& api, int version, const std::string& method,
+                       Handler handler);
+
+  /// Runs one method on behalf of `user` and replaces the whole of `response`, which may be the
+  /// document that holds `params`. Answers every failure in the envelope: no exception of a handler
+  /// escapes. A handler may run further APIs.
+  static void Exec(Json::Value& response, const char* api, int version, const char* method,
+                   const Json::Value& params, const char* user);
+};
+
+}  // namespace VELA

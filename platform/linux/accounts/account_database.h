@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "accounts/account_entry.h"
+
+namespace quillon::platform {
+
+/// A user or group by name or id: from the file that the configuration names, else from NSS. Null
+/// when both know that there is none; throws `std::system_error` when one of them cannot tell. Safe
+/// for use from several threads.
+std::shared_ptr<const velamailserver::velasdk::AccountEntry> FindUser(const std::string& name);
+std::shared_ptr<const velamailserver::velasdk::AccountEntry> FindUser(std::uint32_t uid);
+std::shared_ptr<const velamailserver::velasdk::AccountEntry> FindGroup(const std::string& name);
+std::shared_ptr<const velamailserver::velasdk::AccountEntry> FindGroup(std::uint32_t gid);
+
+/// The uids in the given range, ends included, each once and in ascending order: those of the users
+/// file and, when that is the host's own, those that NSS lists besides. Throws `std::system_error`.
+std::vector<std::uint32_t> ListUids(std::uint32_t lowest, std::uint32_t highest);
+
+}  // namespace quillon::platform

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "accounts/account_entry.h"
+
+namespace quillon::platform {
+
+/// Hash and equality of names without regard to the case of the letters A to Z.
+struct NameHash {
+  std::size_t operator()(std::string_view name) const;
+};
+struct NameEqual {
+  bool operator()(std::string_view a, std::string_view b) const;
+};
+
+/// The content of a file in passwd or group format, indexed. Never changes; safe for use from
+/// several threads.
+class AccountTable {
+ public:
+  using AccountEntry = velamailserver::velasdk::AccountEntry;
+
+  /// Which format: the two share name and id, in their first and third field.
+  enum Format { kPasswd, kGroup };
+
+  /// Blank lines, comments and the entries of compatibility mode ("+…", "-…") are left out, as is a
+  /// line that does not parse.
+  AccountTable(std::string_view text, Format format);
+  AccountTable(const AccountTable&) = delete;
+  AccountTable& operator=(const AccountTable&) = delete;
+
+  /// The entry of a name in any letter case: the one that spells it exactly so, else the first in
+  /// the file. Null when there is none.
+  const AccountEntry* Find(std::string_view name) const;
+  /// The first entry in the file with this id; null when there is none.
+  const AccountEntry* Find(std::uint32_t id) const;
+
+  const std::vector<AccountEntry>& entries() const { return entries_; }
+  /// Number of the first line that does not parse, 0 when all do.
+  std::size_t broken_line() const { return broken_line_; }
+
+ private:
+  std::string names_;  // the text of all entries' names
+  std::vector<AccountEntry> entries_;
+  std::unordered_map<std::string_view, const AccountEntry*, NameHash, NameEqual> by_name_;
+  // Names that differ from an earlier entry's in nothing but letter case.
+  std::unordered_map<std::string_view, const AccountEntry*> by_exact_name_;
+  std::unordered_map<std::uint32_t, const AccountEntry*> by_id_;
+  std::size_t broken_line_ = 0;
+};
+
+}  // namespace quillon::platform

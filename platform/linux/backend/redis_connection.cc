@@ -1,0 +1,261 @@
+#include "backend/redis_connection.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <velamailserver/log_exception.h>
+
+namespace quillon::backend {
+
+namespace {
+
+using velamailserver::LogException;
+
+constexpr char kSourceFile[] = "platform/linux/backend/redis_connection";
+constexpr int kPathTooLongLine = 41;
+constexpr int kConnectFailedLine = 47;
+constexpr int kLogInFailedLine = 58;
+constexpr int kErrorReplyLine = 73;
+constexpr int kUnexpectedReplyLine = 80;
+constexpr int kSendFailedLine = 96;
+constexpr int kReceiveFailedLine = 108;
+constexpr int kReplyTooLongLine = 112;
+constexpr int kTimeoutLine = 127;
+
+constexpr std::size_t kCommandsInFlight = 4;
+
+// What a server may have us keep in memory for one answer.
+constexpr std::size_t kLongestReply = 64U << 20U;  // bytes
+constexpr int kMostElements = 1 << 20;
+constexpr char kTooLong[] = "the server's answer is too long";
+
+constexpr std::size_t kLongestErrorText = 200;
+
+// hiredis allocates an array when its length is announced, before any of it has arrived.
+redisReplyObjectFunctions BoundArrays(const redisReplyObjectFunctions& standard) {
+  static const auto create_array = standard.createArray;
+  redisReplyObjectFunctions bounded = standard;
+  bounded.createArray = [](const redisReadTask* task, int elements) -> void* {
+    return elements <= kMostElements ? create_array(task, elements) : nullptr;
+  };
+  return bounded;
+}
+
+}  // namespace
+
+void RedisCommand::Add(std::initializer_list<std::string_view> pieces) {
+  const std::size_t before = bytes_.size();
+  for (const std::string_view piece : pieces) {
+    bytes_ += piece;
+  }
+  lengths_.push_back(bytes_.size() - before);
+}
+
+std::string RedisCommand::Encode() const {
+  std::vector<const char*> arguments;
+  arguments.reserve(lengths_.size());
+  const char* argument = bytes_.data();
+  for (const std::size_t length : lengths_) {
+    arguments.push_back(argument);
+    argument += length;
+  }
+  char* encoded = nullptr;
+  const int length = redisFormatCommandArgv(&encoded, static_cast<int>(arguments.size()),
+                                            arguments.data(), lengths_.data());
+  if (length < 0) {
+    throw std::bad_alloc();
+  }
+  const std::unique_ptr<char, void (*)(char*)> owner(encoded, redisFreeCommand);
+  return std::string(encoded, static_cast<std::size_t>(length));
+}
+
+const platform::Configuration::Usage& RedisConnection::Open() {
+  auto configuration = platform::CurrentConfiguration();
+  if (configuration != configuration_ || !IsAlive()) {
+    configuration_ = std::move(configuration);
+    Connect();
+    LogIn();
+    SelectDatabase();
+  }
+  return configuration_->usage;
+}
+
+void RedisConnection::Exchange(std::size_t count, const MakeCommand& make, const TakeReply& take) {
+  try {
+    std::size_t sent = 0;
+    for (std::size_t answered = 0; answered < count; ++answered) {
+      for (; sent < count && sent < answered + kCommandsInFlight; ++sent) {
+        Send(make(sent));
+      }
+      const Reply reply = Receive();
+      if (reply->type == REDIS_REPLY_ERROR) {
+        Fail(kErrorReplyLine, std::string(reply->str, std::min(reply->len, kLongestErrorText)));
+      }
+      take(answered, *reply);
+    }
+  } catch (...) {
+    context_.reset();  // the next command would be given the answers that are left
+    throw;
+  }
+}
+
+void RedisConnection::FailUnexpectedReply() {
+  Fail(kUnexpectedReplyLine, "the server's answer is not what was asked for");
+}
+
+std::string RedisConnection::ServerName() const {
+  const platform::Configuration::Usage& usage = configuration_->usage;
+  if (!usage.socket.empty()) {
+    return usage.socket;
+  }
+  const bool is_ipv6 = usage.host.find(':') != std::string::npos;
+  const std::string host = is_ipv6 ? "[" + usage.host + "]" : usage.host;
+  return fmt::format("{}:{}", host, usage.port);
+}
+
+// Between two operations the server has nothing to say: whatever can be read is its farewell.
+bool RedisConnection::IsAlive() const {
+  if (!context_) {
+    return false;
+  }
+  pollfd socket = {context_->fd, POLLIN, 0};
+  return ::poll(&socket, 1, 0) == 0;
+}
+
+void RedisConnection::Connect() {
+  const platform::Configuration::Usage& usage = configuration_->usage;
+  // hiredis would cut it and use what lies there.
+  if (usage.socket.size() >= sizeof(sockaddr_un::sun_path)) {
+    Fail(kPathTooLongLine, "the path is too long for a socket");
+  }
+  const timeval timeout = {usage.connect_timeout, 0};
+  context_.reset(usage.socket.empty()
+                     ? redisConnectWithTimeout(usage.host.c_str(), usage.port, timeout)
+                     : redisConnectUnixWithTimeout(usage.socket.c_str(), timeout));
+  if (!context_) {
+    throw std::bad_alloc();
+  }
+  if (context_->err != 0) {
+    Fail(kConnectFailedLine, fmt::format("cannot connect: {}", context_->errstr));
+  }
+  ::fcntl(context_->fd, F_SETFD, FD_CLOEXEC);
+  static redisReplyObjectFunctions bounded = BoundArrays(*context_->reader->fn);
+  context_->reader->fn = &bounded;
+}
+
+void RedisConnection::LogIn() {
+  if (configuration_->usage.password.empty()) {
+    return;
+  }
+  RedisCommand command("AUTH");
+  command.Add({configuration_->usage.password});
+  Send(command);
+  const Reply reply = Receive();
+  if (reply->type == REDIS_REPLY_ERROR) {
+    // Only the error's name: some servers repeat the command, with the password, in its text.
+    const std::string_view text(reply->str, reply->len);
+    Fail(kLogInFailedLine, fmt::format("the server refuses the password ({})",
+                                       text.substr(0, std::min(text.find(' '), std::size_t{20}))));
+  }
+}
+
+// Sharding proxies know no SELECT; every session begins in database 0 anyway.
+void RedisConnection::SelectDatabase() {
+  if (configuration_->usage.database == 0) {
+    return;
+  }
+  Exchange(
+      1,
+      [this](std::size_t) {
+        RedisCommand command("SELECT");
+        command.Add({std::to_string(configuration_->usage.database)});
+        return command;
+      },
+      [](std::size_t, const redisReply&) {});
+}
+
+// Not by hiredis: its write() ends the process with SIGPIPE when the server has gone.
+void RedisConnection::Send(const RedisCommand& command) {
+  const std::string encoded = command.Encode();
+  const Clock::time_point deadline = Deadline();
+  std::string_view rest = encoded;
+  while (!rest.empty()) {
+    const ssize_t sent =
+        ::send(context_->fd, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0) {
+      rest.remove_prefix(static_cast<std::size_t>(sent));
+    } else if (errno == EAGAIN) {
+      Await(POLLOUT, deadline);
+    } else if (errno == EPIPE) {
+      return;  // the reason may lie among what is still to be received
+    } else if (errno != EINTR) {
+      Fail(kSendFailedLine, std::generic_category().message(errno));
+    }
+  }
+}
+
+RedisConnection::Reply RedisConnection::Receive() {
+  const Clock::time_point deadline = Deadline();
+  const redisReader& reader = *context_->reader;
+  std::size_t received = 0;
+  while (true) {
+    void* reply = nullptr;
+    if (redisGetReplyFromReader(context_.get(), &reply) != REDIS_OK) {
+      Fail(kReceiveFailedLine, context_->err == REDIS_ERR_OOM ? kTooLong : context_->errstr);
+    }
+    if (reply != nullptr) {
+      return Reply(static_cast<redisReply*>(reply));
+    }
+    if (received > kLongestReply) {
+      Fail(kReplyTooLongLine, kTooLong);
+    }
+    Await(POLLIN, deadline);
+    const std::size_t before = reader.len;
+    if (redisBufferRead(context_.get()) != REDIS_OK) {
+      Fail(kReceiveFailedLine, context_->errstr);
+    }
+    received += reader.len - before;
+  }
+}
+
+RedisConnection::Clock::time_point RedisConnection::Deadline() const {
+  return Clock::now() + std::chrono::seconds(configuration_->usage.command_timeout);
+}
+
+// A deadline that has passed is a failure even when there is something to read: the time-out of a
+// single read would let a server that trickles its answer hold us up for ever.
+void RedisConnection::Await(short events, Clock::time_point deadline) {
+  while (true) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
+      Fail(kTimeoutLine,
+           fmt::format("no complete answer within {} s", configuration_->usage.command_timeout));
+    }
+    pollfd socket = {context_->fd, events, 0};
+    if (::poll(&socket, 1, static_cast<int>(left.count())) > 0) {
+      return;
+    }
+  }
+}
+
+void RedisConnection::Fail(int line, const std::string& reason) {
+  context_.reset();
+  throw LogException(velamailserver::ERR_BAD_DB_SESSION,
+                     fmt::format("usage store {}: {}", ServerName(), reason), 3, kSourceFile, line);
+}
+
+RedisClient::RedisClient() : connection_(std::make_unique<Connection>()) {}
+
+RedisClient::~RedisClient() = default;
+
+}  // namespace quillon::backend

@@ -1,0 +1,238 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
+#include <toml++/toml.h>
+
+#include <quillon/platform/configuration.h>
+
+#include "utils/file_text.h"
+
+namespace quillon::platform {
+
+namespace {
+
+std::string Position(const std::string& path, const toml::source_region& source) {
+  return fmt::format("{}:{}", path, source.begin.line);
+}
+
+// One file being read: turns values of tables into settings, and whatever is wrong with one into an
+// error that names its place.
+class Reader {
+ public:
+  explicit Reader(const std::string& path) : path_(path) {}
+
+  // What may be set from a value, by key.
+  using Setters = std::map<std::string, std::function<void(const toml::node&)>, std::less<>>;
+
+  // Hands every value of a table to its setter.
+  void ReadTable(const std::string& prefix, const toml::table& table, const Setters& setters) {
+    for (const auto& [key, node] : table) {
+      key_ = prefix + std::string(key.str());
+      const auto setter = setters.find(key.str());
+      if (setter == setters.end()) {
+        Fail(node, "unknown key");
+      }
+      setter->second(node);
+    }
+  }
+
+  const toml::table& Table(const toml::node& node) const {
+    if (const toml::table* table = node.as_table()) {
+      return *table;
+    }
+    Fail(node, "must be a table");
+  }
+
+  auto Text(std::string& setting,
+            std::function<const char*(const std::string&)> objection = nullptr) const {
+    return [this, &setting, objection = std::move(objection)](const toml::node& node) {
+      const auto* value = node.as_string();
+      if (value == nullptr) {
+        Fail(node, "must be a string");
+      }
+      if (value->get().find('\0') != std::string::npos) {
+        Fail(node, "must not hold a NUL character");
+      }
+      if (const char* problem = objection ? objection(value->get()) : nullptr) {
+        Fail(node, problem);
+      }
+      setting = value->get();
+    };
+  }
+
+  template <typename Integer>
+  auto Number(Integer& setting, std::int64_t lowest, std::int64_t highest) const {
+    return [this, &setting, lowest, highest](const toml::node& node) {
+      const auto* value = node.as_integer();
+      if (value == nullptr) {
+        Fail(node, "must be a whole number");
+      }
+      if (value->get() < lowest || value->get() > highest) {
+        Fail(node, fmt::format("must be from {} to {}", lowest, highest));
+      }
+      setting = static_cast<Integer>(value->get());
+    };
+  }
+
+  [[noreturn]] void Fail(const toml::node& node, const std::string& problem) const {
+    throw ConfigurationError(
+        fmt::format("{}: {}: {}", Position(path_, node.source()), key_, problem));
+  }
+
+ private:
+  std::string path_;
+  std::string key_;  // of the value that is being read
+};
+
+const char* ObjectToPath(const std::string& path) {
+  return path.starts_with('/') ? nullptr : "must be an absolute path";
+}
+
+const char* ObjectToOptionalPath(const std::string& path) {
+  return path.empty() ? nullptr : ObjectToPath(path);
+}
+
+const char* ObjectToFolderName(const std::string& name) {
+  return name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos
+             ? "must be the name of one folder"
+             : nullptr;
+}
+
+const char* ObjectToStore(const std::string& url) {
+  return (url.starts_with("sqlite:///") && url.size() > std::strlen("sqlite:///")) ||
+                 url.starts_with("postgresql://")
+             ? nullptr
+             : "must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL";
+}
+
+const char* ObjectToHost(const std::string& host) {
+  return host.empty() ? "must not be empty" : nullptr;
+}
+
+const char* ObjectToKeyTemplate(const std::string& text) {
+  constexpr char kName[] = "{name}";
+  const auto at = text.find(kName);
+  return at == std::string::npos || text.find(kName, at + 1) != std::string::npos
+             ? "must hold {name} exactly once"
+             : nullptr;
+}
+
+const char* ObjectToLogTarget(const std::string& target) {
+  return target == "syslog" || target == "file" || target == "stderr"
+             ? nullptr
+             : "must be syslog, file or stderr";
+}
+
+// Whoever may write to the configuration may choose what root reads and deletes.
+std::string ReadTrustedText(const std::string& path) {
+  FileText file;
+  try {
+    file = ReadFileText(path);
+  } catch (const std::system_error& error) {
+    throw ConfigurationError(error.what());
+  }
+  if ((file.status.st_mode & S_IWOTH) != 0) {
+    throw ConfigurationError(path +
+                             ": anybody may write to this file, it is not used (chmod o-w it)");
+  }
+  return std::move(file.text);
+}
+
+toml::table Parse(const std::string& path, const std::string& text) {
+  try {
+    return toml::parse(text, path);
+  } catch (const toml::parse_error& error) {
+    throw ConfigurationError(
+        fmt::format("{}: {}", Position(path, error.source()), error.description()));
+  }
+}
+
+Configuration Read(const std::string& path, const toml::table& document) {
+  constexpr std::int64_t kHighestId = std::numeric_limits<std::uint32_t>::max() - 1;
+  constexpr int kLongestTimeout = 3600;
+
+  Configuration c;
+  Reader r(path);
+  const auto table = [&r](const std::string& name, const Reader::Setters& setters) {
+    return [&r, name, setters](const toml::node& node) {
+      r.ReadTable(name + ".", r.Table(node), setters);
+    };
+  };
+  r.ReadTable(
+      "", document,
+      {{"accounts",
+        table("accounts", {{"passwd_file", r.Text(c.accounts.passwd_file, ObjectToPath)},
+                           {"group_file", r.Text(c.accounts.group_file, ObjectToPath)},
+                           {"min_uid", r.Number(c.accounts.min_uid, 0, kHighestId)},
+                           {"max_uid", r.Number(c.accounts.max_uid, 0, kHighestId)}})},
+       {"maildir", table("maildir", {{"root", r.Text(c.maildir.root, ObjectToPath)},
+                                     {"domain", r.Text(c.maildir.domain, ObjectToFolderName)}})},
+       {"quota",
+        table("quota", {{"store", r.Text(c.quota.store, ObjectToStore)},
+                        {"busy_timeout", r.Number(c.quota.busy_timeout, 1, kLongestTimeout)}})},
+       {"usage",
+        table("usage",
+              {{"host", r.Text(c.usage.host, ObjectToHost)},
+               {"port", r.Number(c.usage.port, 1, 65535)},
+               {"socket", r.Text(c.usage.socket, ObjectToOptionalPath)},
+               {"password", r.Text(c.usage.password)},
+               {"database", r.Number(c.usage.database, 0, std::numeric_limits<int>::max())},
+               {"connect_timeout", r.Number(c.usage.connect_timeout, 1, kLongestTimeout)},
+               {"command_timeout", r.Number(c.usage.command_timeout, 1, kLongestTimeout)},
+               {"key_template", r.Text(c.usage.key_template, ObjectToKeyTemplate)}})},
+       {"log", table("log", {{"target", r.Text(c.log.target, ObjectToLogTarget)},
+                             {"file", r.Text(c.log.file, ObjectToOptionalPath)}})}});
+
+  // What no single value can be blamed for is reported at the one that the file sets.
+  const auto reject = [&](const char* table_name, const char* key, const std::string& problem) {
+    const auto node = document[table_name][key];
+    const std::string place = node ? Position(path, node.node()->source()) : path;
+    throw ConfigurationError(fmt::format("{}: {}.{}: {}", place, table_name, key, problem));
+  };
+  if (c.accounts.min_uid > c.accounts.max_uid) {
+    const bool is_min_set = static_cast<bool>(document["accounts"]["min_uid"]);
+    reject("accounts", is_min_set ? "min_uid" : "max_uid",
+           fmt::format("no uid is from {} to {}", c.accounts.min_uid, c.accounts.max_uid));
+  }
+  if (c.log.target == "file" && c.log.file.empty()) {
+    reject("log", "target", "the target \"file\" needs log.file");
+  }
+  return c;
+}
+
+std::mutex current_mutex;
+std::shared_ptr<const Configuration> current;
+
+}  // namespace
+
+Configuration LoadConfiguration(const std::string& path) {
+  return Read(path, Parse(path, ReadTrustedText(path)));
+}
+
+void UseConfiguration(Configuration configuration) {
+  auto next = std::make_shared<const Configuration>(std::move(configuration));
+  const std::lock_guard lock(current_mutex);
+  current.swap(next);
+}
+
+std::shared_ptr<const Configuration> CurrentConfiguration() {
+  const std::lock_guard lock(current_mutex);
+  if (!current) {
+    const bool exists = ::access(kDefaultConfigurationFile, F_OK) == 0 || errno != ENOENT;
+    current = std::make_shared<const Configuration>(
+        exists ? LoadConfiguration(kDefaultConfigurationFile) : Configuration());
+  }
+  return current;
+}
+
+}  // namespace quillon::platform

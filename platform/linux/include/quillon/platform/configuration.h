@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace quillon::platform {
+
+/// Where programs look when they are not told otherwise.
+inline constexpr char kDefaultConfigurationFile[] = "/etc/quillon/mailserver.toml";
+
+/// Settings of this host. Every member has its default, so an empty file is a valid one; the member
+/// `accounts.passwd_file` is the key "passwd_file" of the table "accounts", and so on.
+struct Configuration {
+  struct Accounts {
+    std::string passwd_file =
+        "/etc/passwd";  ///< users, in passwd format; NSS is asked for all others
+    std::string group_file =
+        "/etc/group";               ///< groups, in group format; NSS is asked for all others
+    std::uint32_t min_uid = 1000;   ///< lowest uid of a mail user
+    std::uint32_t max_uid = 59999;  ///< highest uid of a mail user
+  } accounts;
+
+  struct Maildir {
+    std::string root = "/var/spool/quillon";  ///< mail directories are ROOT/DOMAIN/ACCOUNT
+    std::string domain = "local";             ///< domain of the host's own accounts
+  } maildir;
+
+  struct Quota {
+    /// "sqlite:///ABSOLUTE/PATH" or a "postgresql://" URL.
+    std::string store = "sqlite:///var/lib/quillon/quota.db";
+    int busy_timeout = 5;  ///< seconds to wait for a locked database, 1 to 3600
+  } quota;
+
+  struct Usage {
+    std::string host = "127.0.0.1";  ///< name or address of the Redis server
+    int port = 6379;                 ///< 1 to 65535
+    std::string socket;              ///< path of a unix socket, in place of host and port
+    std::string password;            ///< empty: none is sent
+    int database = 0;                ///< number of the Redis database
+    int connect_timeout = 5;         ///< seconds, 1 to 3600
+    int command_timeout = 10;        ///< seconds, 1 to 3600
+    std::string key_template = "{name}/quota/storage";  ///< holds "{name}" exactly once
+  } usage;
+
+  struct Log {
+    std::string target = "syslog";  ///< "syslog", "file" or "stderr"
+    std::string file;               ///< path of the log, with the target "file"
+  } log;
+};
+
+/// The configuration file cannot be used. `what()` is one line that names the file, the line and
+/// the key.
+class ConfigurationError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Reads a configuration file, which must exist. Throws `ConfigurationError` for a file that cannot
+/// be read, that anybody may write to, or that holds an unknown key, a wrong type or an impossible
+/// value.
+Configuration LoadConfiguration(const std::string& path);
+
+/// Makes `configuration` that of this process, for every operation that starts afterwards.
+void UseConfiguration(Configuration configuration);
+
+/// The configuration of this process: the one last given to `UseConfiguration`, else that of the
+/// default file, which may be missing. Throws `ConfigurationError`. Safe for use from several
+/// threads.
+std::shared_ptr<const Configuration> CurrentConfiguration();
+
+}  // namespace quillon::platform

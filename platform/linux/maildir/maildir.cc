@@ -1,0 +1,108 @@
+#include "maildir/maildir.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include <quillon/platform/configuration.h>
+#include <velamailserver/account/maildir.h>
+#include <velamailserver/log_exception.h>
+#include <velamailserver/velasdk/vela_user.h>
+
+namespace quillon::platform {
+
+namespace {
+
+using velamailserver::LogException;
+
+constexpr char kSourceFile[] = "platform/linux/maildir/maildir";
+constexpr int kRootLine = 44;
+constexpr int kFolderLine = 58;
+constexpr int kSubfolderLine = 71;
+
+bool IsFolderName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
+
+[[noreturn]] void Fail(int line, const std::string& path) {
+  throw LogException(velamailserver::ERR_LSTAT_FILE,
+                     path + ": " + std::generic_category().message(errno), 3, kSourceFile, line);
+}
+
+FileDescriptor OpenRoot(const std::string& path) {
+  FileDescriptor root(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!root.IsOpen() && errno != ENOENT) {
+    Fail(kRootLine, path);
+  }
+  return root;
+}
+
+FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name,
+                          const std::string& path) {
+  if (!parent.IsOpen()) {
+    return {};
+  }
+  FileDescriptor folder(
+      ::openat(parent.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  const bool is_absent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
+  if (!folder.IsOpen() && !is_absent && errno != ENAMETOOLONG) {
+    Fail(kFolderLine, path);
+  }
+  return folder;
+}
+
+bool HasFolder(const FileDescriptor& parent, const char* name, const std::string& path) {
+  struct stat status {};
+  if (::fstatat(parent.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    return S_ISDIR(status.st_mode);
+  }
+  if (errno != ENOENT) {
+    Fail(kSubfolderLine, path + "/" + name);
+  }
+  return false;
+}
+
+}  // namespace
+
+std::string MaildirPath(const std::string& account) {
+  if (!IsFolderName(account)) {
+    return "";
+  }
+  const auto configuration = CurrentConfiguration();
+  const Configuration::Maildir& maildir = configuration->maildir;
+  return maildir.root + (maildir.root.ends_with('/') ? "" : "/") + maildir.domain + "/" + account;
+}
+
+FileDescriptor OpenMaildir(const std::string& account) {
+  if (!IsFolderName(account)) {
+    return {};
+  }
+  const auto configuration = CurrentConfiguration();
+  const Configuration::Maildir& maildir = configuration->maildir;
+  const std::string path = MaildirPath(account);
+  const FileDescriptor root = OpenRoot(maildir.root);
+  const FileDescriptor domain = OpenFolder(root, maildir.domain, path);
+  FileDescriptor folder = OpenFolder(domain, account, path);
+  for (const char* name : {"cur", "new", "tmp"}) {
+    if (!folder.IsOpen() || !HasFolder(folder, name, path)) {
+      return {};
+    }
+  }
+  return folder;
+}
+
+}  // namespace quillon::platform
+
+namespace velamailserver::account {
+
+Maildir::Maildir(unsigned int user_id) {
+  const std::string account = velasdk::VelaUser(user_id).Name();
+  uid = user_id;
+  path = quillon::platform::MaildirPath(account);
+  flag = quillon::platform::OpenMaildir(account).IsOpen();
+}
+
+}  // namespace velamailserver::account

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <soci/soci.h>
+
+#include "quota/quota_dialect.h"
+#include "quota/quota_schema.h"
+
+namespace quillon::platform {
+
+/// The quota store that the configuration names, opened at the first operation. The tables are
+/// those of quota_schema.h. Every operation may throw `LogException`.
+class QuotaDatabase {
+ public:
+  struct Subject {
+    std::uint32_t id;
+    std::string name;
+  };
+
+  /// Stores `bytes` for all of the subjects or for none.
+  void Set(const char* table, std::vector<Subject> subjects, unsigned long long bytes);
+  /// Removes the values of all of the ids or of none.
+  void Clear(const char* table, std::vector<std::uint32_t> ids);
+  /// The valid records of the ids, in ascending order. `Record` is `UserRecord` or `GroupRecord`.
+  template <typename Record>
+  std::vector<Record> List(const char* table, std::vector<std::uint32_t> ids);
+
+ private:
+  struct Task;
+
+  void Open();
+  template <typename Work>
+  auto Run(const Task& task, const Work& work);
+  template <typename Record>
+  std::vector<Record> Fetch(const char* table, const std::vector<std::uint32_t>& ids);
+
+  std::unique_ptr<QuotaDialect> dialect_;
+  std::unique_ptr<soci::session> session_;  // null until opened, and after a failed opening
+};
+
+}  // namespace quillon::platform

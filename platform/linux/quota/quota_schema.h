@@ -1,0 +1,22 @@
+#pragma once
+
+#include <soci/soci.h>
+
+#include "quota/quota_dialect.h"
+
+namespace quillon::platform {
+
+/// The tables of the quota store: one per kind of value, each with "id" (the uid or gid), "name"
+/// (the account's name when the value was written, for people who look into the database) and
+/// "bytes" (decimal text, because neither database has an unsigned 64-bit number).
+inline constexpr char kUserLimitTable[] = "user_limit";
+inline constexpr char kUserWarningTable[] = "user_warning";
+inline constexpr char kGroupLimitTable[] = "group_limit";
+inline constexpr char kGroupWarningTable[] = "group_warning";
+
+/// Brings the store to the newest schema; several programs may do so at the same time. Throws
+/// `LogException`: `ERR_BAD_DB_SESSION` for a store that cannot be read, `ERR_DB_CREATE` and
+/// `ERR_DB_UPGRADE` for what cannot be created or upgraded, a store of a newer program included.
+void UpgradeQuotaSchema(soci::session& session, const QuotaDialect& dialect);
+
+}  // namespace quillon::platform

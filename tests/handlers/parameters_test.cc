@@ -1,0 +1,102 @@
+#include <sstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <quillon/handlers/register.h>
+#include <vela/api_runner.h>
+
+namespace quillon::handlers {
+namespace {
+
+struct BadCall {
+  const char* api;
+  const char* method;
+  const char* params;
+  const char* message;
+};
+
+class ParametersTest : public testing::TestWithParam<BadCall> {};
+
+// Refused before any store is asked: none is there.
+TEST_P(ParametersTest, AreRefused) {
+  RegisterAll();
+  const BadCall& call = GetParam();
+  Json::Value params;
+  std::istringstream(call.params) >> params;
+  Json::Value response;
+  VELA::APIRunner::Exec(response, call.api, 1, call.method, params, "admin");
+  EXPECT_FALSE(response["success"].asBool());
+  EXPECT_EQ(response["error"]["code"].asInt(), VELA::APIRunner::kBadParameters);
+  EXPECT_EQ(response["error"]["message"].asString(), call.message);
+}
+
+constexpr char kUser[] = "Quillon.MailServer.User";
+constexpr char kUsage[] = "Quillon.MailServer.Usage";
+constexpr char kUnsigned[] =
+    "parameter [limit] must be a whole number from 0 to 18446744073709551615";
+
+INSTANTIATE_TEST_SUITE_P(
+    List, ParametersTest,
+    testing::Values(
+        BadCall{kUser, "list", "[]", "the parameters must be an object"},
+        BadCall{kUser, "list", "\"names\"", "the parameters must be an object"},
+        BadCall{kUser, "list", R"({"nmaes": []})", "unknown parameter [nmaes]"},
+        BadCall{kUser, "list", R"({"names": "alice"})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kUser, "list", R"({"names": null})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kUser, "list", R"({"names": ["alice", 5]})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kUser, "list", R"({"names": ["alice\u0000x"]})",
+                "parameter [names] must be without NUL characters"},
+        BadCall{kUser, "list", R"({"sort": "size"})",
+                "parameter [sort] must be one of name, limit, warning, usage, percent"},
+        BadCall{kUser, "list", R"({"sort": 1})",
+                "parameter [sort] must be one of name, limit, warning, usage, percent"},
+        BadCall{kUser, "list", R"({"direction": "desc"})",
+                "parameter [direction] must be one of ASC, DESC"},
+        BadCall{kUser, "list", R"({"offset": -1})",
+                "parameter [offset] must be a whole number from 0 to 18446744073709551615"},
+        BadCall{kUser, "list", R"({"limit": 1.0})",
+                "parameter [limit] must be a whole number from -9223372036854775808 to "
+                "9223372036854775807"},
+        BadCall{kUser, "list", R"({"limit": 9223372036854775808})",
+                "parameter [limit] must be a whole number from -9223372036854775808 to "
+                "9223372036854775807"},
+        BadCall{kUser, "list", R"({"above": "80"})", "parameter [above] must be a number"},
+        BadCall{kUser, "names", R"({"names": []})", "unknown parameter [names]"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, ParametersTest,
+    testing::Values(
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "warning": 1})",
+                "parameter [limit] is missing"},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": 1})",
+                "parameter [warning] is missing"},
+        BadCall{kUser, "set_quota", R"({"limit": 1, "warning": 1})",
+                "parameter [names] is missing"},
+        BadCall{kUser, "set_quota", R"({"names": [], "limit": 1, "warning": 1})",
+                "parameter [names] must hold at least one name"},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": "1K", "warning": 1})", kUnsigned},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": true, "warning": 1})", kUnsigned},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": -1, "warning": 1})", kUnsigned},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": 1e3, "warning": 1})", kUnsigned},
+        BadCall{kUser, "set_quota",
+                R"({"names": ["a"], "limit": 18446744073709551616, "warning": 1})", kUnsigned},
+        BadCall{kUser, "set_quota", R"({"names": ["a"], "limit": 2, "warning": 1, "user": "a"})",
+                "unknown parameter [user]"},
+        BadCall{kUser, "clear_quota", "{}", "parameter [names] is missing"},
+        BadCall{kUser, "clear_quota", "null", "parameter [names] is missing"},
+        BadCall{kUser, "clear_quota", R"({"names": []})",
+                "parameter [names] must hold at least one name"},
+        BadCall{kUsage, "count", "{}", "parameter [names] is missing"},
+        BadCall{kUsage, "count", R"({"names": {}})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kUsage, "count", R"({"names": ["a"], "wait": true})", "unknown parameter [wait]"}));
+
+}  // namespace
+}  // namespace quillon::handlers

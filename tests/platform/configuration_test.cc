@@ -1,0 +1,213 @@
+#include <sys/stat.h>
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <quillon/platform/configuration.h>
+
+#include "support/temporary_folder.h"
+
+namespace quillon::platform {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class ConfigurationFile : public testing::Test {
+ protected:
+  Configuration Load(const std::string& text) {
+    return LoadConfiguration(folder_.Write("conf.toml", text));
+  }
+
+  std::string FailureOf(const std::string& text) {
+    try {
+      Load(text);
+    } catch (const ConfigurationError& error) {
+      return error.what();
+    }
+    return "no failure";
+  }
+
+  // The message of a failure at a line of the file.
+  std::string At(int line, const std::string& rest) {
+    return folder_ / "conf.toml" + ":" + std::to_string(line) + ": " + rest;
+  }
+
+  test::TemporaryFolder folder_;
+};
+
+TEST_F(ConfigurationFile, MayBeEmpty) {
+  const Configuration configuration = Load("");
+
+  EXPECT_EQ(configuration.accounts.passwd_file, "/etc/passwd");
+  EXPECT_EQ(configuration.accounts.min_uid, 1000U);
+  EXPECT_EQ(configuration.accounts.max_uid, 59999U);
+  EXPECT_EQ(configuration.maildir.domain, "local");
+  EXPECT_EQ(configuration.quota.store, "sqlite:///var/lib/quillon/quota.db");
+  EXPECT_EQ(configuration.usage.key_template, "{name}/quota/storage");
+  EXPECT_EQ(configuration.log.target, "syslog");
+}
+
+TEST_F(ConfigurationFile, SetsEveryKey) {
+  const Configuration configuration = Load(R"(
+[accounts]
+passwd_file = "/a/passwd"
+group_file = "/a/group"
+min_uid = 0
+max_uid = 4294967294
+[maildir]
+root = "/a/spool"
+domain = "example.org"
+[quota]
+store = "postgresql://quota@db/quota"
+busy_timeout = 3600
+[usage]
+host = "::1"
+port = 65535
+socket = "/a/redis.sock"
+password = "secret"
+database = 3
+connect_timeout = 1
+command_timeout = 2
+key_template = "usage:{name}"
+[log]
+target = "file"
+file = "/a/log"
+)");
+
+  EXPECT_EQ(configuration.accounts.passwd_file, "/a/passwd");
+  EXPECT_EQ(configuration.accounts.group_file, "/a/group");
+  EXPECT_EQ(configuration.accounts.min_uid, 0U);
+  EXPECT_EQ(configuration.accounts.max_uid, 4294967294U);
+  EXPECT_EQ(configuration.maildir.root, "/a/spool");
+  EXPECT_EQ(configuration.maildir.domain, "example.org");
+  EXPECT_EQ(configuration.quota.store, "postgresql://quota@db/quota");
+  EXPECT_EQ(configuration.quota.busy_timeout, 3600);
+  EXPECT_EQ(configuration.usage.host, "::1");
+  EXPECT_EQ(configuration.usage.port, 65535);
+  EXPECT_EQ(configuration.usage.socket, "/a/redis.sock");
+  EXPECT_EQ(configuration.usage.password, "secret");
+  EXPECT_EQ(configuration.usage.database, 3);
+  EXPECT_EQ(configuration.usage.connect_timeout, 1);
+  EXPECT_EQ(configuration.usage.command_timeout, 2);
+  EXPECT_EQ(configuration.usage.key_template, "usage:{name}");
+  EXPECT_EQ(configuration.log.target, "file");
+  EXPECT_EQ(configuration.log.file, "/a/log");
+}
+
+TEST_F(ConfigurationFile, RefusesUnknownKeys) {
+  EXPECT_EQ(FailureOf("\n[accounts]\npaswd_file = \"/a\"\n"),
+            At(3, "accounts.paswd_file: unknown key"));
+  EXPECT_EQ(FailureOf("[acounts]\n"), At(1, "acounts: unknown key"));
+  EXPECT_EQ(FailureOf("passwd_file = \"/a\"\n"), At(1, "passwd_file: unknown key"));
+}
+
+TEST_F(ConfigurationFile, RefusesWrongTypes) {
+  EXPECT_EQ(FailureOf("[accounts]\nmin_uid = \"1000\"\n"),
+            At(2, "accounts.min_uid: must be a whole number"));
+  EXPECT_EQ(FailureOf("[accounts]\nmin_uid = 10.5\n"),
+            At(2, "accounts.min_uid: must be a whole number"));
+  EXPECT_EQ(FailureOf("[maildir]\n\nroot = 5\n"), At(3, "maildir.root: must be a string"));
+  EXPECT_EQ(FailureOf("accounts = 5\n"), At(1, "accounts: must be a table"));
+  EXPECT_EQ(FailureOf("[accounts]\npasswd_file.x = 5\n"),
+            At(2, "accounts.passwd_file: must be a string"));
+}
+
+struct ImpossibleValue {
+  const char* table;
+  const char* setting;
+  const char* problem;
+};
+
+class Impossible : public ConfigurationFile, public testing::WithParamInterface<ImpossibleValue> {};
+
+TEST_P(Impossible, ValueIsRefused) {
+  const auto [table, setting, problem] = GetParam();
+  const std::string key = std::string(setting, std::string(setting).find(' '));
+  EXPECT_EQ(FailureOf("[" + std::string(table) + "]\n" + setting + "\n"),
+            At(2, std::string(table) + "." + key + ": " + problem));
+}
+
+constexpr char kNoPath[] = "must be an absolute path";
+constexpr char kNoFolder[] = "must be the name of one folder";
+constexpr char kNoStore[] = "must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL";
+constexpr char kNoTemplate[] = "must hold {name} exactly once";
+
+INSTANTIATE_TEST_SUITE_P(
+    ConfigurationFile, Impossible,
+    testing::Values(
+        ImpossibleValue{"accounts", "passwd_file = 'passwd'", kNoPath},
+        ImpossibleValue{"accounts", "group_file = ''", kNoPath},
+        ImpossibleValue{"accounts", "min_uid = -1", "must be from 0 to 4294967294"},
+        ImpossibleValue{"accounts", "max_uid = 4294967295", "must be from 0 to 4294967294"},
+        ImpossibleValue{"accounts", "min_uid = 60000", "no uid is from 60000 to 59999"},
+        ImpossibleValue{"accounts", "max_uid = 999", "no uid is from 1000 to 999"},
+        ImpossibleValue{"maildir", "root = 'spool'", kNoPath},
+        ImpossibleValue{"maildir", "root = \"/a\\u0000b\"", "must not hold a NUL character"},
+        ImpossibleValue{"maildir", "domain = ''", kNoFolder},
+        ImpossibleValue{"maildir", "domain = '..'", kNoFolder},
+        ImpossibleValue{"maildir", "domain = 'a/b'", kNoFolder},
+        ImpossibleValue{"quota", "store = 'sqlite://relative'", kNoStore},
+        ImpossibleValue{"quota", "store = 'sqlite:///'", kNoStore},
+        ImpossibleValue{"quota", "store = 'mysql://host'", kNoStore},
+        ImpossibleValue{"quota", "busy_timeout = 0", "must be from 1 to 3600"},
+        ImpossibleValue{"usage", "host = ''", "must not be empty"},
+        ImpossibleValue{"usage", "port = 0", "must be from 1 to 65535"},
+        ImpossibleValue{"usage", "port = 65536", "must be from 1 to 65535"},
+        ImpossibleValue{"usage", "socket = 'redis.sock'", kNoPath},
+        ImpossibleValue{"usage", "database = -1", "must be from 0 to 2147483647"},
+        ImpossibleValue{"usage", "connect_timeout = 3601", "must be from 1 to 3600"},
+        ImpossibleValue{"usage", "command_timeout = 0", "must be from 1 to 3600"},
+        ImpossibleValue{"usage", "key_template = 'storage'", kNoTemplate},
+        ImpossibleValue{"usage", "key_template = '{name}{name}'", kNoTemplate},
+        ImpossibleValue{"log", "target = 'journal'", "must be syslog, file or stderr"},
+        ImpossibleValue{"log", "target = 'file'", "the target \"file\" needs log.file"},
+        ImpossibleValue{"log", "file = 'mail.log'", kNoPath}));
+
+TEST_F(ConfigurationFile, NamesTheLineOfASyntaxError) {
+  EXPECT_THAT(FailureOf("[accounts]\nmin_uid = \n"), StartsWith(folder_ / "conf.toml" + ":2: "));
+  EXPECT_THAT(FailureOf("[accounts\n"), StartsWith(folder_ / "conf.toml" + ":1: "));
+  EXPECT_THAT(FailureOf(std::string("\0\xff\xfe", 3)), StartsWith(folder_ / "conf.toml" + ":1: "));
+}
+
+TEST_F(ConfigurationFile, MustExistBeReadableAndAFile) {
+  for (const std::string& path : {folder_ / "none.toml", folder_.path().string()}) {
+    try {
+      LoadConfiguration(path);
+      FAIL() << path;
+    } catch (const ConfigurationError& error) {
+      EXPECT_THAT(error.what(), StartsWith(path + ": "));
+    }
+  }
+}
+
+TEST_F(ConfigurationFile, IsNotUsedWhenAnybodyMayWriteToIt) {
+  const std::string path = folder_.Write("open.toml", "");
+  ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+
+  try {
+    LoadConfiguration(path);
+    FAIL();
+  } catch (const ConfigurationError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("anybody may write"));
+  }
+}
+
+TEST_F(ConfigurationFile, TakesEffectForWhatStartsAfterwards) {
+  Configuration first;
+  first.maildir.root = "/first";
+  UseConfiguration(first);
+  const auto kept = CurrentConfiguration();
+
+  Configuration second;
+  second.maildir.root = "/second";
+  UseConfiguration(second);
+
+  EXPECT_EQ(kept->maildir.root, "/first");
+  EXPECT_EQ(CurrentConfiguration()->maildir.root, "/second");
+}
+
+}  // namespace
+}  // namespace quillon::platform

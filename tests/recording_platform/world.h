@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <json/value.h>
+
+#include <velamailserver/account/maildir.h>
+
+namespace recording {
+
+struct Account {
+  std::string name;
+  unsigned int id;
+  std::string real_name;
+};
+
+/// One record of the mail log: how maillog() was called, and the text that came of it.
+struct LogRecord {
+  int priority;
+  std::string format;
+  std::string text;
+
+  bool operator==(const LogRecord&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& stream, const LogRecord& record);
+
+/// Values of the quota store as it answers them: uid or gid, decimal text.
+using StoredValues = std::vector<std::pair<std::uint32_t, std::string>>;
+
+/// Throws. Called at the moment of the failure, because an exception may log when it is built.
+using Failure = std::function<void()>;
+
+template <typename Exception, typename... Args>
+Failure Throw(Args... args) {
+  return [=] { throw Exception(args...); };
+}
+
+/// The outside world of the library under test.
+///
+/// A test scripts what the platform answers, calls the library and reads the transcript. The
+/// answers of the stores are given whatever they are asked; what they are asked is in the
+/// transcript.
+class World {
+ public:
+  // The script.
+  void AddUser(const std::string& name, unsigned int uid, const std::string& real_name);
+  void AddUser(const std::string& name, unsigned int uid) { AddUser(name, uid, name); }
+  void AddGroup(const std::string& name, unsigned int gid);
+
+  std::vector<Account> users;  ///< found by name in any letter case, and by uid
+  std::vector<Account> groups;
+  StoredValues user_limits;
+  StoredValues user_warnings;
+  StoredValues group_limits;
+  StoredValues group_warnings;
+  std::unordered_map<std::string, std::string> usage;
+  bool delete_usage = true;  ///< what DeleteUsage answers
+  Json::Value api_response;  ///< what every API answers
+  std::string maildir_path = "/maildir";
+  std::vector<velamailserver::account::BaseMaildir> maildirs;  ///< found by uid
+
+  /// The call of this number throws instead of answering. Calls are counted from 1; those that
+  /// cannot fail (maillog, destructors) are not counted.
+  void FailCall(int number, Failure failure);
+  /// Every call whose line of the transcript starts so throws instead of answering.
+  void FailCallsStartingWith(const std::string& prefix, Failure failure);
+
+  // What happened.
+  std::vector<std::string> transcript;  ///< one line for each call, a failed one too
+  std::vector<LogRecord> log;
+
+  // For the stand-in's own use.
+  /// Records a call and fails it when the script says so.
+  void Call(const std::string& line);
+  /// Records a call that cannot fail.
+  void Note(const std::string& line);
+  /// Records a call of maillog().
+  void Log(const LogRecord& record);
+
+ private:
+  friend class Pause;
+
+  std::map<int, Failure> failures_by_number_;
+  std::vector<std::pair<std::string, Failure>> failures_by_prefix_;
+  int calls_ = 0;
+  int pauses_ = 0;
+};
+
+World& TheWorld();
+
+/// Nothing is recorded or fails during its life: for calls of the test itself.
+class Pause {
+ public:
+  Pause() { ++TheWorld().pauses_; }
+  Pause(const Pause&) = delete;
+  Pause& operator=(const Pause&) = delete;
+  ~Pause() { --TheWorld().pauses_; }
+};
+
+}  // namespace recording

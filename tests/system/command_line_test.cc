@@ -1,0 +1,107 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "system/world.h"
+
+namespace quillon::test {
+namespace {
+
+using testing::HasSubstr;
+
+class WrongUsageTest : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(WrongUsageTest, EndsWith2) {
+  const World world;
+  const Outcome outcome = world.Quillonctl(GetParam());
+  EXPECT_EQ(outcome.exit_code, 2);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.error, testing::StartsWith("quillonctl: "));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, WrongUsageTest,
+    testing::Values(
+        std::vector<std::string>{}, std::vector<std::string>{"user"},
+        std::vector<std::string>{"usage"}, std::vector<std::string>{"group", "list"},
+        std::vector<std::string>{"user", "remove"},
+        std::vector<std::string>{"user", "list", "--sort", "colour"},
+        std::vector<std::string>{"user", "list", "--above", "much"},
+        std::vector<std::string>{"user", "list", "--offset", "-1"},
+        std::vector<std::string>{"user", "list", "--no-such-option"},
+        std::vector<std::string>{"user", "list", "[alice,bob]"},
+        std::vector<std::string>{"user", "set-quota", "--limit", "1K", "alice"},
+        std::vector<std::string>{"user", "set-quota", "--warning", "1K", "alice"},
+        std::vector<std::string>{"user", "set-quota", "--limit", "1K", "--warning", "1K"},
+        std::vector<std::string>{"user", "set-quota", "--limit", "", "--warning", "1K", "alice"},
+        std::vector<std::string>{"user", "clear-quota"},
+        std::vector<std::string>{"user", "clear-quota", "-"},
+        std::vector<std::string>{"usage", "count", "-"}));
+
+class HelpTest : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(HelpTest, GivesAnExample) {
+  std::vector<std::string> command = GetParam();
+  command.insert(command.begin(), QuillonctlPath());
+  command.emplace_back("--help");
+  const Outcome outcome = test::Run(command);
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_THAT(outcome.output, HasSubstr("\nExample: quillonctl "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, HelpTest,
+                         testing::Values(std::vector<std::string>{},
+                                         std::vector<std::string>{"user"},
+                                         std::vector<std::string>{"user", "list"},
+                                         std::vector<std::string>{"user", "set-quota"},
+                                         std::vector<std::string>{"user", "clear-quota"},
+                                         std::vector<std::string>{"usage"},
+                                         std::vector<std::string>{"usage", "count"}));
+
+TEST(CommandLineTest, TellsItsVersion) {
+  const Outcome outcome = test::Run({QuillonctlPath(), "--version"});
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_THAT(outcome.output, testing::MatchesRegex("quillonctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+class OutputTest : public testing::TestWithParam<const char*> {
+ protected:
+  Outcome InShell(const std::string& redirection) const {
+    const World world;
+    std::string command;
+    for (const std::string& word : world.CommandLine({})) {
+      command += word + " ";
+    }
+    return test::Run({"sh", "-c", command + GetParam() + redirection});
+  }
+};
+
+TEST_P(OutputTest, FailsWhenItCannotBeWritten) {
+  const Outcome outcome = InShell(" > /dev/full");
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error, HasSubstr("quillonctl: cannot write to standard output: No space"));
+}
+
+TEST_P(OutputTest, FailsWhenItIsClosed) {
+  const Outcome outcome = InShell(" >&-");
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error, HasSubstr("quillonctl: cannot write to standard output: Bad file"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, OutputTest,
+                         testing::Values("user list", "user list --json", "user clear-quota alice",
+                                         "--help", "--version"));
+
+TEST(CommandLineTest, RefusesToGoByHalfOfTheNames) {
+  const World world;
+  std::string command;
+  for (const std::string& word : world.CommandLine({"user", "clear-quota", "alice", "-"})) {
+    command += word + " ";
+  }
+  const Outcome outcome = test::Run({"sh", "-c", command + "< /"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.error, "quillonctl: cannot read standard input: Is a directory\n");
+}
+
+}  // namespace
+}  // namespace quillon::test

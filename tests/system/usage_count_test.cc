@@ -1,0 +1,107 @@
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <quillon/platform/usage_count.h>
+#include <velamailserver/velasdk/file_lock_guard.h>
+
+#include "system/terminal.h"
+#include "system/world.h"
+
+namespace quillon::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class UsageCountTest : public testing::Test {
+ protected:
+  UsageCountTest() {
+    world_.Deliver("alice", "cur", 1000);
+    world_.Deliver("alice", "new", 200);
+    world_.Deliver("alice", ".Sent/cur", 30);
+    world_.Deliver("bob", "new", 4);
+  }
+
+  std::vector<std::string> Usage() {
+    return Column(world_.QuillonctlJson({"user", "list"}), "usage");
+  }
+
+  World world_;
+};
+
+TEST_F(UsageCountTest, CountsTheMessagesOfAllUsers) {
+  const Outcome outcome = world_.Quillonctl({"usage", "count"});
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.output, "usage of 3 users counted: 1.2K (1234 bytes)\n");
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_THAT(Usage(), ElementsAre("1230", "4", "0"));
+}
+
+TEST_F(UsageCountTest, CountsTheNamedOnly) {
+  EXPECT_EQ(world_.Quillonctl({"usage", "count", "BOB"}).output,
+            "usage of 1 user counted: 4B (4 bytes)\n");
+  EXPECT_THAT(Usage(), ElementsAre("0", "4", "0"));
+  EXPECT_EQ(world_.Quillonctl({"usage", "count", "-"}, "alice\n").output,
+            "usage of 1 user counted: 1.2K (1230 bytes)\n");
+  EXPECT_THAT(Usage(), ElementsAre("1230", "4", "0"));
+}
+
+TEST_F(UsageCountTest, PrintsTheDocument) {
+  const Json::Value data = world_.QuillonctlJson({"usage", "count", "bob", "alice"});
+  ASSERT_EQ(data["counted"].size(), 2U);
+  EXPECT_EQ(data["counted"][0]["name"].asString(), "bob");
+  EXPECT_EQ(data["counted"][0]["usage"].asUInt(), 4U);
+  EXPECT_EQ(data["counted"][1]["name"].asString(), "alice");
+  EXPECT_EQ(data["counted"][1]["usage"].asUInt(), 1230U);
+  EXPECT_FALSE(data["skipped"].asBool());
+}
+
+TEST_F(UsageCountTest, CountsMoreUsersThanFitIntoOneCall) {
+  for (unsigned int i = 0; i < 117; ++i) {
+    world_.AddAccount(fmt::format("user{}", i), 2000 + i);
+    world_.Deliver(fmt::format("user{}", i), "cur", i);
+  }
+  EXPECT_EQ(world_.Quillonctl({"usage", "count"}).output,
+            "usage of 120 users counted: 7.8K (8020 bytes)\n");
+}
+
+TEST_F(UsageCountTest, ShowsItsProgressOnATerminalAndErasesIt) {
+  const Outcome outcome = RunOnTerminal(world_.CommandLine({"usage", "count"}));
+  EXPECT_EQ(outcome.output,
+            "\rcounting: 0 of 3 users\x1b[K"
+            "\r\x1b[K"
+            "usage of 3 users counted: 1.2K (1234 bytes)\r\n");
+}
+
+TEST_F(UsageCountTest, SkipsWhileAnotherCountIsRunning) {
+  const velamailserver::velasdk::FileLockGuard lock(platform::kUsageCountLockFile);
+  const Outcome outcome = world_.Quillonctl({"usage", "count"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.error, HasSubstr("quillonctl: usage of 0 of 3 users counted, then another "
+                                       "usage count is running: /var/lock/quillon_server/"));
+  EXPECT_THAT(Usage(), ElementsAre("0", "0", "0"));
+
+  const Outcome json = world_.Quillonctl({"usage", "count", "--json"});
+  EXPECT_EQ(json.exit_code, 1);
+  EXPECT_THAT(json.output, HasSubstr("\"skipped\" : true"));
+}
+
+TEST_F(UsageCountTest, RefusesUnknownNames) {
+  const Outcome outcome = world_.Quillonctl({"usage", "count", "alice", "eve"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.error, "quillonctl: no such user: [eve] (error 2107)\n");
+  EXPECT_THAT(Usage(), ElementsAre("0", "0", "0"));
+}
+
+TEST_F(UsageCountTest, FailsWithoutTheUsageStore) {
+  world_.redis().Stop();
+  const Outcome outcome = world_.Quillonctl({"usage", "count"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.error, HasSubstr(world_.redis().socket()));
+}
+
+}  // namespace
+}  // namespace quillon::test

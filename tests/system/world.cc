@@ -1,0 +1,103 @@
+#include "system/world.h"
+
+#include <memory>
+#include <stdexcept>
+
+#include <fmt/format.h>
+#include <json/reader.h>
+
+#include <quillon/platform/configuration.h>
+#include <velamailserver/account/mailbox_quota.h>
+#include <velamailserver/velasdk/vela_user.h>
+
+namespace quillon::test {
+
+World::World() {
+  folder_.Write("group", "users:x:100:\n");
+  folder_.Write("mailserver.toml", fmt::format(R"([accounts]
+passwd_file = "{0}/passwd"
+group_file = "{0}/group"
+[maildir]
+root = "{0}/spool"
+[quota]
+store = "sqlite://{0}/quota.db"
+busy_timeout = 1
+[usage]
+socket = "{1}"
+connect_timeout = 1
+command_timeout = 1
+[log]
+target = "file"
+file = "{0}/mail.log"
+)",
+                                               folder_.path().string(), redis_.socket()));
+  AddAccount("alice", 1001);
+  AddAccount("bob", 1002);
+  AddAccount("carol", 1003);
+  platform::UseConfiguration(platform::LoadConfiguration(configuration_file()));
+}
+
+void World::AddAccount(const std::string& name, unsigned int uid) {
+  passwd_ += fmt::format("{}:x:{}:100::/nonexistent:/usr/sbin/nologin\n", name, uid);
+  folder_.Write("passwd", passwd_);
+}
+
+void World::SetUsage(const std::string& name, const std::string& bytes) const {
+  redis_.Command({"SET", name + "/quota/storage", bytes});
+}
+
+void World::SetWarning(const std::string& name, unsigned long long bytes) const {
+  velamailserver::account::MailboxQuota().SetUserQuotaWarning(
+      {velamailserver::velasdk::VelaUser(name)}, bytes);
+}
+
+void World::Deliver(const std::string& account, const std::string& folder, std::size_t size) {
+  const std::string maildir = "spool/local/" + account + "/";
+  for (const char* part : {"cur", "new", "tmp"}) {
+    std::filesystem::create_directories(folder_ / (maildir + part));
+  }
+  folder_.Write(fmt::format("{}{}/{}.M1P1.host", maildir, folder, ++messages_),
+                std::string(size, 'x'));
+}
+
+std::vector<std::string> World::CommandLine(const std::vector<std::string>& arguments) const {
+  std::vector<std::string> command = {QuillonctlPath(), "--config", configuration_file()};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
+
+Outcome World::Quillonctl(const std::vector<std::string>& arguments, const std::string& input,
+                          const std::vector<std::string>& environment) const {
+  return Run(CommandLine(arguments), input, environment);
+}
+
+Json::Value World::QuillonctlJson(std::vector<std::string> arguments) const {
+  arguments.push_back("--json");
+  const Outcome outcome = Quillonctl(arguments);
+  const std::unique_ptr<Json::CharReader> reader([]() -> Json::CharReader* {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    return builder.newCharReader();
+  }());
+  Json::Value document;
+  std::string errors;
+  const char* const begin = outcome.output.data();
+  if (outcome.exit_code != 0 || !outcome.error.empty() ||
+      !reader->parse(begin, begin + outcome.output.size(), &document, &errors)) {
+    throw std::runtime_error(
+        fmt::format("exit code {}: {}{}", outcome.exit_code, outcome.error, errors));
+  }
+  return document;
+}
+
+std::string QuillonctlPath() { return QUILLONCTL; }
+
+std::vector<std::string> Column(const Json::Value& report, const char* member) {
+  std::vector<std::string> values;
+  for (const Json::Value& user : report["users"]) {
+    values.push_back(user[member].isNull() ? "null" : user[member].asString());
+  }
+  return values;
+}
+
+}  // namespace quillon::test
