@@ -41,12 +41,16 @@ struct Row {
   std::string theirs;
 };
 
-std::string Seconds(const std::vector<Cost>& costs, double Cost::*figure) {
+// The middle of what the runs of one program cost, with its unit.
+std::string Median(const std::vector<Cost>& costs, double Cost::*figure) {
   std::vector<double> figures;
+  figures.reserve(costs.size());
   for (const Cost& cost : costs) {
     figures.push_back(cost.*figure);
   }
-  return fmt::format("{:.3f} s", SpreadOf(figures).median);
+  const double median = SpreadOf(std::move(figures)).median;
+  return figure == &Cost::peak_mb ? fmt::format("{:.1f} MB", median)
+                                  : fmt::format("{:.3f} s", median);
 }
 
 class Bench {
@@ -65,18 +69,8 @@ class Bench {
   std::string Program(const std::string& name) const { return programs_ + "/" + name; }
 
   void Add(const std::string& what, double target, const Pair& pair, double Cost::*figure) {
-    const bool is_memory = figure == &Cost::peak_mb;
-    const auto show = [&](const std::vector<Cost>& costs) {
-      if (!is_memory) {
-        return Seconds(costs, figure);
-      }
-      std::vector<double> figures;
-      for (const Cost& cost : costs) {
-        figures.push_back(cost.peak_mb);
-      }
-      return fmt::format("{:.1f} MB", SpreadOf(figures).median);
-    };
-    rows_.push_back({what, target, Ratio(pair, figure), show(pair.ours), show(pair.theirs)});
+    rows_.push_back({what, target, Ratio(pair, figure), Median(pair.ours, figure),
+                     Median(pair.theirs, figure)});
   }
 
   Pair RunReport(std::size_t users) {

@@ -31,6 +31,7 @@ Cost RunOnce(const std::vector<std::string>& arguments) {
   if (pid == 0) {
     ::dup2(pipe[1], STDOUT_FILENO);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
       argv.push_back(const_cast<char*>(argument.c_str()));
     }

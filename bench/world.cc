@@ -40,6 +40,7 @@ std::vector<std::string> MakeNames(std::size_t users) {
   std::iota(numbers.begin(), numbers.end(), std::size_t{0});
   std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
   std::vector<std::string> names;
+  names.reserve(users);
   for (const std::size_t number : numbers) {
     names.push_back(fmt::format("{}.{}", kGiven[number % std::size(kGiven)], number));
   }
@@ -111,9 +112,9 @@ void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_
   const std::vector<std::string> names = ReadNames(folder);
   const std::string text = "From: <a@example>\r\nTo: <b@example>\r\nSubject: x\r\n\r\nHello.\r\n";
   for (const std::string& name : names) {
-    const std::string maildir = folder + "/spool/local/" + name;
+    const std::string maildir = fmt::format("{}/spool/local/{}", folder, name);
     for (const char* part : {"cur", "new", "tmp"}) {
-      fs::create_directories(maildir + "/" + part);
+      fs::create_directories(fmt::format("{}/{}", maildir, part));
     }
     for (std::size_t i = 0; i < messages / names.size(); ++i) {
       const std::string body = text + std::string(i % 997, 'x');

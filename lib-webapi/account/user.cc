@@ -1,7 +1,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
-#include <utility>
+#include <vector>
 
 #include <quillon/backend/quota_redis_client.h>
 #include <velamailserver/account/user.h>
@@ -22,7 +22,7 @@ constexpr int kSetWarningAboveLimitLine = 67;
 constexpr int kSkipUserLine = 88;
 constexpr int kStoredWarningAboveLimitLine = 126;
 
-void CheckWarning(unsigned long long warning, unsigned long long limit, int line) {
+void RequireWarningWithinLimit(unsigned long long limit, unsigned long long warning, int line) {
   if (warning > limit) {
     throw LogException(ERR_INTERNAL,
                        "warning byte [" + std::to_string(warning) +
@@ -51,7 +51,7 @@ User::User() = default;
 
 void User::SetQuota(const std::vector<VelaUser>& users, unsigned long long limit,
                     unsigned long long warning) {
-  CheckWarning(warning, limit, kSetWarningAboveLimitLine);
+  RequireWarningWithinLimit(limit, warning, kSetWarningAboveLimitLine);
   SetUserQuotaLimit(users, limit);
   SetUserQuotaWarning(users, warning);
 }
@@ -95,7 +95,7 @@ void User::UpdateQuotaUsage(Json::Value& list) {
     Json::Value& remaining = member["remaining_usage_notification"] = 0;
     if (const auto found = warnings.find(key); found != warnings.end()) {
       const unsigned long long warning = utils::ToULL(found->second.value);
-      CheckWarning(warning, limit, kStoredWarningAboveLimitLine);
+      RequireWarningWithinLimit(limit, warning, kStoredWarningAboveLimitLine);
       remaining = Json::UInt64{limit - warning};
     }
 

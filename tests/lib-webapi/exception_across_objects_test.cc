@@ -16,6 +16,7 @@ using ExceptionAcrossObjectsTest = recording::WorldTest;
 TEST_F(ExceptionAcrossObjectsTest, IsCaughtWithAllItCarries) {
   try {
     exception_thrower::ThrowLogException("detail");
+    ADD_FAILURE() << "no exception";
   } catch (const LogException& exception) {
     EXPECT_EQ(exception.code(), ERR_POPEN);
     EXPECT_STREQ(exception.what(), "detail");

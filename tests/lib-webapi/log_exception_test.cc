@@ -173,7 +173,7 @@ TEST_F(LogExceptionTest, KeepsWhatItWasGiven) {
 }
 
 TEST_F(LogExceptionTest, LogsAtThePriorityOfTheThrower) {
-  for (const int priority : {0, 1, 7}) {
+  for (const int priority : {0, 1, 7, 8, -1}) {
     world_.log.clear();
     const LogException exception(ERR_INTERNAL, "detail", priority, "file", 7);
     EXPECT_THAT(world_.log,

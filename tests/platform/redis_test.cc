@@ -328,14 +328,17 @@ TEST_F(RunningUsageStore, IsReachedOverTcp) {
   }
 }
 
-TEST_F(RunningUsageStore, PassesValuesOnAsTheyStand) {
+TEST_F(RunningUsageStore, TakesWhatIsNoNumberOfBytesAsAbsentAndLogsIt) {
   const std::string binary("\0\r\n\xff", 4);
-  server_.Command({"MSET", "empty/quota/storage", "", "word/quota/storage", "-1 much",
+  server_.Command({"MSET", "good/quota/storage", "18446744073709551615", "empty/quota/storage", "",
+                   "word/quota/storage", "-1", "large/quota/storage", "18446744073709551616",
                    "binary/quota/storage", binary});
 
-  EXPECT_THAT(
-      client_.ListUsage({"empty", "word", "binary"}),
-      UnorderedElementsAre(Pair("empty", ""), Pair("word", "-1 much"), Pair("binary", binary)));
+  EXPECT_THAT(client_.ListUsage({"good", "empty", "word", "large", "binary"}),
+              UnorderedElementsAre(Pair("good", "18446744073709551615")));
+  for (const char* name : {"empty", "word", "large", "binary"}) {
+    EXPECT_THAT(Log(), HasSubstr("the entry of [" + std::string(name) + "] is no number of bytes"));
+  }
 }
 
 TEST_F(RunningUsageStore, TakesNamesAsTheyAre) {

@@ -48,10 +48,13 @@ TEST(FailingStoreTest, ChangesNeedNoRedis) {
   EXPECT_EQ(world.Quillonctl({"user", "clear-quota", "alice"}).exit_code, 0);
 }
 
-TEST(FailingStoreTest, UsageThatIsNoNumber) {
+TEST(FailingStoreTest, UsageThatIsNoNumberIsLoggedAndAbsent) {
   const World world;
   world.SetUsage("alice", "many");
-  ExpectFailure(world, {"user", "list"}, "[many]");
+  world.SetUsage("bob", "5");
+  EXPECT_THAT(Column(world.QuillonctlJson({"user", "list"}), "usage"), ElementsAre("0", "5", "0"));
+  EXPECT_THAT(world.folder().Read("mail.log"),
+              HasSubstr("the entry of [alice] is no number of bytes: [many], taken as absent"));
 }
 
 class LockedDatabaseTest : public testing::Test {

@@ -14,13 +14,20 @@ namespace quillon::test {
 
 World::World() {
   folder_.Write("group", "users:x:100:\n");
+  UseStore("sqlite://" + quota_database());
+  AddAccount("alice", 1001);
+  AddAccount("bob", 1002);
+  AddAccount("carol", 1003);
+}
+
+void World::UseStore(const std::string& url) {
   folder_.Write("mailserver.toml", fmt::format(R"([accounts]
 passwd_file = "{0}/passwd"
 group_file = "{0}/group"
 [maildir]
 root = "{0}/spool"
 [quota]
-store = "sqlite://{0}/quota.db"
+store = "{2}"
 busy_timeout = 1
 [usage]
 socket = "{1}"
@@ -30,10 +37,7 @@ command_timeout = 1
 target = "file"
 file = "{0}/mail.log"
 )",
-                                               folder_.path().string(), redis_.socket()));
-  AddAccount("alice", 1001);
-  AddAccount("bob", 1002);
-  AddAccount("carol", 1003);
+                                               folder_.path().string(), redis_.socket(), url));
   platform::UseConfiguration(platform::LoadConfiguration(configuration_file()));
 }
 

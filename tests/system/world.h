@@ -26,6 +26,8 @@ class World {
   std::string quota_database() const { return folder_ / "quota.db"; }
 
   void AddAccount(const std::string& name, unsigned int uid);
+  /// Makes another quota store that of the host, by its URL.
+  void UseStore(const std::string& url);
   void SetUsage(const std::string& name, const std::string& bytes) const;
   /// Writes to the quota store what the library would not: a warning level by itself.
   void SetWarning(const std::string& name, unsigned long long bytes) const;

@@ -11,8 +11,9 @@
 namespace velamailserver::webapi {
 
 /// Mailbox quota and usage of users. An object is made for one use, by one thread at a time; it
-/// keeps nothing between calls beyond what its base keeps. Failures are `LogException`s; those of
-/// the quota store, the usage store and the account database pass through unchanged.
+/// keeps nothing between calls beyond what its base keeps. Failures of its own are `LogException`s;
+/// whatever the quota store, the usage store and the account database throw passes through
+/// unchanged.
 class VELAMAILSERVER_EXPORT User : public account::MailboxQuota {
  public:
   User();
@@ -31,10 +32,15 @@ class VELAMAILSERVER_EXPORT User : public account::MailboxQuota {
   ///   "remaining_usage_notification"  the limit less the warning level, 0 without a warning level
   ///   "usage"                         the mail that the user stores, 0 when the usage store has no
   ///   entry
-  /// A name that no user has is logged and gets zeros. Limits and warnings are found in any letter
-  /// case of the name, the usage by the name exactly as given. Throws `LogException` with
-  /// `ERR_INTERNAL` at the first member whose stored warning level is larger than its limit; what
-  /// was written up to there stays.
+  /// A name whose lookup fails with a `LogException`, for whatever reason, is logged and not asked
+  /// about: it gets zeros, unless another member's user has the same name in another letter case.
+  /// Limits and warnings are found in any letter case of the name, the usage by the name exactly as
+  /// given.
+  ///
+  /// Throws `LogException` with `ERR_INTERNAL` at the first member whose stored warning level is
+  /// larger than its limit; what was written up to there stays. A member that is no object, and a
+  /// "name" that is no text, throw the JSON library's `Json::LogicError` before anything is
+  /// written.
   void UpdateQuotaUsage(Json::Value& list);
 };
 

@@ -6,10 +6,12 @@
 
 #include <json/value.h>
 
+#include <velamailserver/visibility.h>
+
 namespace VELA {
 
 /// How a handler refuses a call: the code and the message of the envelope's "error".
-class APIError : public std::runtime_error {
+class VELAMAILSERVER_EXPORT APIError : public std::runtime_error {
  public:
   APIError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
   int code() const noexcept { return code_; }
@@ -43,9 +45,11 @@ class APIRunner {
   static void Register(const std::string& api, int version, const std::string& method,
                        Handler handler);
 
-  /// Runs one method on behalf of `user` and replaces the whole of `response`, which may be the
-  /// document that holds `params`. Answers every failure in the envelope: no exception of a handler
-  /// escapes. A handler may run further APIs.
+  /// Runs one method and replaces the whole of `response`, which may be the document that holds
+  /// `params`. Answers every failure in the envelope: no exception of a handler escapes. A handler
+  /// may run further APIs. `api` and `method` are not null. `user` is on whose behalf it runs:
+  /// whoever calls this has made sure that the caller may act as that user, nothing is checked
+  /// here.
   static void Exec(Json::Value& response, const char* api, int version, const char* method,
                    const Json::Value& params, const char* user);
 };

@@ -2,18 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <functional>
 #include <optional>
-#include <system_error>
+
+#include "utils/decimal.h"
+#include "utils/letter_case.h"
 
 namespace quillon::platform {
 
 namespace {
 
 using AccountEntry = velamailserver::velasdk::AccountEntry;
-
-char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // Cuts the text up to the next `separator` off the front of `rest`.
 std::string_view CutField(std::string_view& rest, char separator) {
@@ -35,14 +34,11 @@ std::optional<AccountEntry> ParseLine(std::string_view line, AccountTable::Forma
   }
   const std::string_view name = CutField(line, ':');
   CutField(line, ':');  // the password
-  const std::string_view id_text = CutField(line, ':');
-  std::uint32_t id = 0;
-  const auto [rest, error] = std::from_chars(id_text.data(), id_text.data() + id_text.size(), id);
-  if (name.empty() || name.find('\0') != std::string_view::npos || error != std::errc() ||
-      rest != id_text.data() + id_text.size()) {
+  const auto id = ParseDecimal<std::uint32_t>(CutField(line, ':'));
+  if (name.empty() || name.find('\0') != std::string_view::npos || !id) {
     return std::nullopt;
   }
-  return AccountEntry{name, id};
+  return AccountEntry{name, *id};
 }
 
 }  // namespace

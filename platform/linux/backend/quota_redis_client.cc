@@ -7,14 +7,23 @@
 
 #include "backend/redis_connection.h"
 #include "backend/usage_keys.h"
+#include "utils/decimal.h"
 
 namespace quillon::backend {
 
 namespace {
 
 constexpr char kSourceFile[] = "platform/linux/backend/quota_redis_client";
+constexpr int kNoNumberLine = 25;
 constexpr int kWrongTypeLine = 34;
 constexpr int kDeleteFailedLine = 71;
+
+// One bad figure costs its user's usage, not everybody's report.
+void LogNoNumber(const RedisConnection& connection, const std::string& name,
+                 const std::string& value) {
+  maillog(3, "%s:%d usage store %s: the entry of [%s] is no number of bytes: [%s], taken as absent",
+          kSourceFile, kNoNumberLine, connection.ServerName().c_str(), name.c_str(), value.c_str());
+}
 
 void LogWrongTypes(RedisConnection& connection, const UsageKeys& keys,
                    const std::vector<std::string_view>& names) {
@@ -82,7 +91,12 @@ std::unordered_map<std::string, std::string> QuotaRedisClient::ListUsage(
         for (std::size_t n = 0; n < chunk.size(); ++n) {
           const redisReply& value = *reply.element[n];
           if (value.type == REDIS_REPLY_STRING) {
-            usage.emplace(chunk[n], std::string_view(value.str, value.len));
+            const std::string_view bytes(value.str, value.len);
+            if (platform::ParseDecimal<unsigned long long>(bytes)) {
+              usage.emplace(chunk[n], bytes);
+            } else {
+              LogNoNumber(*connection_, chunk[n], std::string(bytes));
+            }
           } else if (value.type == REDIS_REPLY_NIL) {
             absent.push_back(chunk[n]);
           } else {

@@ -14,12 +14,17 @@
 #include <toml++/toml.h>
 
 #include <quillon/platform/configuration.h>
+#include <velamailserver/log_exception.h>
 
+#include "conf/find_configuration.h"
 #include "utils/file_text.h"
 
 namespace quillon::platform {
 
 namespace {
+
+constexpr char kSourceFile[] = "platform/linux/conf/configuration";
+constexpr int kUnusableLine = 27;
 
 std::string Position(const std::string& path, const toml::source_region& source) {
   return fmt::format("{}:{}", path, source.begin.line);
@@ -225,7 +230,7 @@ void UseConfiguration(Configuration configuration) {
   current.swap(next);
 }
 
-std::shared_ptr<const Configuration> CurrentConfiguration() {
+std::shared_ptr<const Configuration> FindConfiguration() {
   const std::lock_guard lock(current_mutex);
   if (!current) {
     const bool exists = ::access(kDefaultConfigurationFile, F_OK) == 0 || errno != ENOENT;
@@ -233,6 +238,15 @@ std::shared_ptr<const Configuration> CurrentConfiguration() {
         exists ? LoadConfiguration(kDefaultConfigurationFile) : Configuration());
   }
   return current;
+}
+
+std::shared_ptr<const Configuration> CurrentConfiguration() {
+  try {
+    return FindConfiguration();
+  } catch (const ConfigurationError& error) {
+    throw velamailserver::LogException(velamailserver::ERR_LOAD_SMTP_SETTINGS, error.what(), 3,
+                                       kSourceFile, kUnusableLine);
+  }
 }
 
 }  // namespace quillon::platform

@@ -17,6 +17,7 @@
 #include <quillon/platform/printable.h>
 #include <velamailserver/maillog.h>
 
+#include "conf/find_configuration.h"
 #include "utils/file_descriptor.h"
 
 namespace quillon::platform {
@@ -62,7 +63,7 @@ bool WriteToFile(const std::string& path, const std::string& line) {
 }
 
 bool WriteToConfiguredTarget(int priority, const std::string& text) {
-  const auto configuration = CurrentConfiguration();
+  const auto configuration = FindConfiguration();
   const Configuration::Log& log = configuration->log;
   if (log.target == "file") {
     return WriteToFile(log.file, Line(priority, text));

@@ -5,13 +5,14 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <charconv>
 #include <limits>
 #include <memory>
 #include <system_error>
 
 #include <velamailserver/log_exception.h>
 #include <velamailserver/maillog.h>
+
+#include "utils/decimal.h"
 
 namespace quillon::platform {
 
@@ -175,13 +176,8 @@ std::optional<unsigned long long> SizeInName(std::string_view file_name) {
   if (field == std::string_view::npos) {
     return std::nullopt;
   }
-  const char* const end = name.data() + name.size();
-  unsigned long long size = 0;
-  const auto [rest, error] = std::from_chars(name.data() + field + kField.size(), end, size);
-  if (error != std::errc() || (rest != end && *rest != ',')) {
-    return std::nullopt;
-  }
-  return size;
+  const std::string_view size = name.substr(field + kField.size());
+  return ParseDecimal<unsigned long long>(size.substr(0, size.find(',')));
 }
 
 unsigned long long CountMessageBytes(const FileDescriptor& maildir, const std::string& path) {

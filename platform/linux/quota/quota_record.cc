@@ -1,7 +1,6 @@
-#include <charconv>
-#include <system_error>
-
 #include <velamailserver/account/quota_record.h>
+
+#include "utils/decimal.h"
 
 namespace velamailserver {
 
@@ -14,10 +13,7 @@ UserRecord::~UserRecord() = default;
 GroupRecord::~GroupRecord() = default;
 
 bool UGRecord::IsValid() const {
-  unsigned long long bytes = 0;
-  const char* const end = value.data() + value.size();
-  const auto [rest, error] = std::from_chars(value.data(), end, bytes);
-  return error == std::errc() && rest == end;
+  return quillon::platform::ParseDecimal<unsigned long long>(value).has_value();
 }
 
 }  // namespace account

@@ -89,6 +89,40 @@ class UserTest : public recording::WorldTest {
     return Typed(document);
   }
 
+  // The given calls fail in turn, each with every kind of exception: it arrives as it was thrown,
+  // and nothing is called after it.
+  template <typename Operation>
+  void ExpectPassesThrough(Operation operation, const Lines& calls) {
+    const recording::World script = world_;
+    for (int number = 1; number <= static_cast<int>(calls.size()); ++number) {
+      SCOPED_TRACE(calls[static_cast<std::size_t>(number) - 1]);
+      Lines until(calls.begin(), calls.begin() + number);
+      const auto restart = [&](const recording::Failure& failure) {
+        world_ = script;
+        world_.FailCall(number, failure);
+      };
+      restart(Throw<std::runtime_error>("broken"));
+      EXPECT_THROW(operation(), std::runtime_error);
+      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
+      restart(Throw<std::out_of_range>("broken"));
+      EXPECT_THROW(operation(), std::out_of_range);
+      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
+
+      restart(Throw<LogException>(ERR_DB_REPLACE, "full", 3L, "store", 5));
+      try {
+        operation();
+        ADD_FAILURE() << "no exception";
+      } catch (const LogException& exception) {
+        EXPECT_EQ(exception.code(), ERR_DB_REPLACE);
+        EXPECT_STREQ(exception.what(), "full");
+        EXPECT_EQ(exception.file(), "store");
+        EXPECT_EQ(exception.line(), 5);
+      }
+      until.emplace_back("maillog(3, \"store:5 (4003) failed to execute replace query: full\")");
+      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
+    }
+  }
+
   User user_ = MakeUser();
 
  private:
@@ -180,26 +214,10 @@ TEST_F(SetQuotaTest, RefusesAWarningAboveTheLimitBeforeAnythingIsWritten) {
   }
 }
 
-TEST_F(SetQuotaTest, AFailedLimitLeavesTheWarningAlone) {
-  world_.FailCall(1, Throw<LogException>(ERR_DB_REPLACE, "full", 3L, "store", 5));
-  try {
-    user_.SetQuota(Users({"bob"}), 2, 1);
-    ADD_FAILURE() << "no exception";
-  } catch (const LogException& exception) {
-    EXPECT_EQ(exception.code(), ERR_DB_REPLACE);
-    EXPECT_STREQ(exception.what(), "full");
-    EXPECT_EQ(exception.line(), 5);
-  }
-  EXPECT_THAT(world_.transcript,
-              ElementsAre("SetUserQuotaLimit([bob], 2)",
-                          "maillog(3, \"store:5 (4003) failed to execute replace query: full\")"));
-}
-
-TEST_F(SetQuotaTest, AFailedWarningComesAfterTheLimit) {
-  world_.FailCall(2, Throw<std::out_of_range>("full"));
-  EXPECT_THROW(user_.SetQuota(Users({"bob"}), 2, 1), std::out_of_range);
-  EXPECT_THAT(world_.transcript,
-              ElementsAre("SetUserQuotaLimit([bob], 2)", "SetUserQuotaWarning([bob], 1)"));
+// Every kind of exception passes through from either store call, and nothing is called after it.
+TEST_F(SetQuotaTest, AFailingStorePassesThrough) {
+  ExpectPassesThrough([&] { user_.SetQuota(Users({"bob"}), 2, 1); },
+                      {"SetUserQuotaLimit([bob], 2)", "SetUserQuotaWarning([bob], 1)"});
 }
 
 // ClearQuota
@@ -218,31 +236,33 @@ TEST_F(ClearQuotaTest, AsksForNobodyToo) {
               ElementsAre("ClearUserQuotaLimit([])", "ClearUserQuotaWarning([])"));
 }
 
-TEST_F(ClearQuotaTest, AFailedLimitLeavesTheWarningAlone) {
-  world_.FailCall(1, Throw<LogException>(ERR_DB_DELETE, "locked", 3L, "store", 6));
-  try {
-    user_.ClearQuota(Users({"bob"}));
-    ADD_FAILURE() << "no exception";
-  } catch (const LogException& exception) {
-    EXPECT_EQ(exception.code(), ERR_DB_DELETE);
-    EXPECT_STREQ(exception.what(), "locked");
-    EXPECT_EQ(exception.line(), 6);
-  }
-  EXPECT_THAT(world_.transcript,
-              ElementsAre("ClearUserQuotaLimit([bob])",
-                          "maillog(3, \"store:6 (4004) failed to execute delete query: locked\")"));
-}
-
-TEST_F(ClearQuotaTest, AFailedWarningComesAfterTheLimit) {
-  world_.FailCall(2, Throw<std::out_of_range>("locked"));
-  EXPECT_THROW(user_.ClearQuota(Users({"bob"})), std::out_of_range);
-  EXPECT_THAT(world_.transcript,
-              ElementsAre("ClearUserQuotaLimit([bob])", "ClearUserQuotaWarning([bob])"));
+TEST_F(ClearQuotaTest, AFailingStorePassesThrough) {
+  ExpectPassesThrough([&] { user_.ClearQuota(Users({"bob"})); },
+                      {"ClearUserQuotaLimit([bob])", "ClearUserQuotaWarning([bob])"});
 }
 
 // UpdateQuotaUsage: what it writes
 
 using UpdateQuotaUsageTest = UserTest;
+
+TEST_F(UpdateQuotaUsageTest, LeavesWhatHoldsNoMembersAsItIs) {
+  for (const char* document : {"null", "5", "true", "\"bob\"", "[]", "{}"}) {
+    world_.transcript.clear();
+    EXPECT_EQ(Report(document), document);
+    EXPECT_THAT(world_.transcript,
+                ElementsAre("ListUserQuotaLimit([])", "ListUserQuotaWarning([])", "RedisClient()",
+                            "QuotaRedisClient()", "ListUsage([])", "~RedisClient()"));
+  }
+}
+
+TEST_F(UpdateQuotaUsageTest, TakesANameWithANulWhole) {
+  world_.usage = {{"bob", "4096"}};
+  Json::Value document = Parse(R"([{"name":"bob\u0000x"}])");
+  user_.UpdateQuotaUsage(document);
+  EXPECT_EQ(document[0]["usage"].asInt(), 0);
+  EXPECT_EQ(world_.transcript.front(), std::string("VelaUser(name=bob\0x)", 20));
+  EXPECT_THAT(world_.transcript, testing::Contains(std::string("ListUsage([bob\0x])", 18)));
+}
 
 TEST_F(UpdateQuotaUsageTest, WritesLimitDistanceAndUsage) {
   world_.user_limits = {{1001, "1073741824"}};
@@ -664,10 +684,17 @@ TEST_F(FailingReportTest, AnyOtherExceptionPassesThroughFromEveryCall) {
   for (int number = 1; number <= static_cast<int>(std::size(kSteps)); ++number) {
     const Step& step = kSteps[number - 1];
     SCOPED_TRACE(std::to_string(number) + ": " + step.call);
+    const auto expect_as_scripted = [&](const std::string& document) {
+      EXPECT_EQ(document, step.document);
+      EXPECT_THAT(world_.transcript, ElementsAreArray(CallsUntil(number, {})));
+      EXPECT_THAT(world_.log, IsEmpty());
+    };
     Restart(number, Throw<std::out_of_range>("broken"));
-    EXPECT_EQ(FailedReport<std::out_of_range>(kUntouched), step.document);
-    EXPECT_THAT(world_.transcript, ElementsAreArray(CallsUntil(number, {})));
-    EXPECT_THAT(world_.log, IsEmpty());
+    expect_as_scripted(FailedReport<std::out_of_range>(kUntouched));
+    Restart(number, Throw<std::runtime_error>("broken"));
+    expect_as_scripted(FailedReport<std::runtime_error>(kUntouched));
+    Restart(number, Throw<Json::LogicError>("broken"));
+    expect_as_scripted(FailedReport<Json::LogicError>(kUntouched));
   }
 }
 
@@ -677,8 +704,14 @@ TEST_F(FailingReportTest, RunningOutOfMemoryOverANameIsNoReasonToSkipIt) {
   EXPECT_THAT(world_.transcript, ElementsAre("VelaUser(name=Bob)"));
 }
 
-TEST_F(FailingReportTest, AFailingLookUpSkipsTheNameWhateverTheCode) {
-  Restart(1, Throw<LogException>(ERR_BAD_DB_SESSION, "broken", 4L, "platform", 9));
+class AnyLookUpFailure : public FailingReportTest, public testing::WithParamInterface<ErrorCode> {};
+
+INSTANTIATE_TEST_SUITE_P(FailingReportTest, AnyLookUpFailure,
+                         testing::Values(ERR_INTERNAL, ERR_SDK_USER_GET, ERR_LOAD_SMTP_SETTINGS,
+                                         ERR_BAD_DB_SESSION, static_cast<ErrorCode>(0)));
+
+TEST_P(AnyLookUpFailure, SkipsTheName) {
+  Restart(1, Throw<LogException>(GetParam(), "broken", 4L, "platform", 9));
   world_.user_limits = {{1002, "20"}};
   world_.user_warnings = {{1002, "5"}};
   world_.usage = {{"alice", "8"}};
@@ -687,7 +720,7 @@ TEST_F(FailingReportTest, AFailingLookUpSkipsTheNameWhateverTheCode) {
             R"({"name":"alice","quota":20u,"remaining_usage_notification":15u,"usage":8u}])");
   EXPECT_THAT(
       world_.transcript,
-      ElementsAre("VelaUser(name=Bob)", "maillog(4, \"platform:9 (4001) bad db session: broken\")",
+      ElementsAre("VelaUser(name=Bob)", testing::StartsWith("maillog(4, \"platform:9 ("),
                   "maillog(2, \"lib-webapi/account/user:88 skip updating [Bob]'s quota & usage\")",
                   "VelaUser(name=alice)", "ListUserQuotaLimit([alice])", "VelaUser(uid=1002)",
                   "RealName(alice)", "ToLowerCase(alice)", "ListUserQuotaWarning([alice])",

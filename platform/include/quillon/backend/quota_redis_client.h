@@ -14,8 +14,9 @@ class QuotaRedisClient : public RedisClient {
   QuotaRedisClient();
 
   /// The usage in bytes, as decimal text, of those `names` that have an entry, each under its name
-  /// exactly as given. No names need no server. Throws `LogException`, naming the server, when it
-  /// is down, slow or refuses; an entry of another type than text counts as absent and is logged.
+  /// exactly as given. An entry that is no decimal number of 64 bits counts as absent and is
+  /// logged. No names need no server. Throws `LogException`, naming the server, when it is down,
+  /// slow or refuses.
   std::unordered_map<std::string, std::string> ListUsage(const std::vector<std::string>& names);
 
   /// Deletes the entries of `names`; names without one are no failure, and no names need no server.

@@ -14,9 +14,9 @@ namespace velamailserver::account {
 ///
 /// An implementation owes, for every operation: one transaction over the whole batch, all of it or
 /// none of it; any number of subjects, none and repeated ones included; `LogException` on failure.
-/// The constructor does not fail for a store that cannot be reached, the first operation does. One
-/// object is used by one thread at a time; objects of several threads and processes may use one
-/// store.
+/// The constructor does not fail for a store that cannot be reached; the first operation that needs
+/// the store does. One object is used by one thread at a time; objects of several threads and
+/// processes may use one store.
 class MailboxQuota {
  public:
   MailboxQuota();

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+// All of these are safe for use from several threads.
+
 namespace velamailserver {
 
 namespace utils {

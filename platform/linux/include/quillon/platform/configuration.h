@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <velamailserver/visibility.h>
+
 namespace quillon::platform {
 
 /// Where programs look when they are not told otherwise.
@@ -52,7 +54,7 @@ struct Configuration {
 
 /// The configuration file cannot be used. `what()` is one line that names the file, the line and
 /// the key.
-class ConfigurationError : public std::runtime_error {
+class VELAMAILSERVER_EXPORT ConfigurationError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -66,8 +68,8 @@ Configuration LoadConfiguration(const std::string& path);
 void UseConfiguration(Configuration configuration);
 
 /// The configuration of this process: the one last given to `UseConfiguration`, else that of the
-/// default file, which may be missing. Throws `ConfigurationError`. Safe for use from several
-/// threads.
+/// default file, which may be missing. Throws `LogException` with `ERR_LOAD_SMTP_SETTINGS` when the
+/// default file cannot be used. Safe for use from several threads.
 std::shared_ptr<const Configuration> CurrentConfiguration();
 
 }  // namespace quillon::platform

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "quota/quota_dialect.h"
+
+namespace quillon::platform {
+
+/// The dialect of a store in an SQLite file. `busy_timeout` is in seconds. Throws `LogException`
+/// with `ERR_BAD_DB_SESSION` for a path that cannot be used.
+std::unique_ptr<QuotaDialect> MakeSqliteDialect(const std::string& path, int busy_timeout);
+
+}  // namespace quillon::platform

@@ -1,0 +1,33 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/postgres_server.h"
+#include "system/world.h"
+
+namespace quillon::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(PostgresqlStoreTest, KeepsTheQuotasWhenTheConfigurationSaysSo) {
+  PostgresServer server;
+  World world;
+  world.UseStore(server.Url(server.CreateDatabase(), "secret"));
+
+  EXPECT_EQ(
+      world.Quillonctl({"user", "set-quota", "--limit", "2K", "--warning", "1K", "bob"}).error, "");
+  const Json::Value report = world.QuillonctlJson({"user", "list"});
+  EXPECT_THAT(Column(report, "quota"), ElementsAre("0", "2048", "0"));
+  EXPECT_THAT(Column(report, "warning"), ElementsAre("null", "1024", "null"));
+
+  server.Stop();
+  const Outcome outcome = world.Quillonctl({"user", "list"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error, HasSubstr("quota store [postgresql://"));
+  EXPECT_THAT(outcome.error, Not(HasSubstr("secret")));
+}
+
+}  // namespace
+}  // namespace quillon::test
