@@ -27,7 +27,7 @@ constexpr QuotaDialect::Sql kPostgresqlSql = {
     .id_type = "BIGINT",
     .ids = "SELECT unnest(CAST('{' || CAST(:ids AS text) || '}' AS bigint[]))",
     .list_listed =
-        "SELECT t.id, t.name, t.bytes"
+        "SELECT t.id, t.bytes"
         " FROM unnest(CAST('{{' || CAST(:ids AS text) || '}}' AS bigint[])) AS listed (id)"
         " JOIN {} AS t ON t.id = listed.id ORDER BY t.id",
     .named_ids = "json_each_text(CAST(:names AS json))"};

@@ -164,13 +164,11 @@ std::vector<Record> QuotaDatabase::Fetch(const char* table, const Ids& ids) {
   soci::statement select =
       is_dense
           ? (session_->prepare << fmt::format(
-                 "SELECT id, name, bytes FROM {} WHERE id BETWEEN :first AND :last ORDER BY id",
-                 table),
+                 "SELECT id, bytes FROM {} WHERE id BETWEEN :first AND :last ORDER BY id", table),
              soci::use(first, "first"), soci::use(last, "last"), soci::into(id),
-             soci::into(record.text), soci::into(record.value))
+             soci::into(record.value))
           : (session_->prepare << fmt::format(fmt::runtime(dialect_->sql().list_listed), table),
-             soci::use(ids_text, "ids"), soci::into(id), soci::into(record.text),
-             soci::into(record.value));
+             soci::use(ids_text, "ids"), soci::into(id), soci::into(record.value));
   select.execute();
 
   std::vector<Record> records;

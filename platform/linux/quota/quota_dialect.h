@@ -19,7 +19,7 @@ class QuotaDialect {
     const char* begin;        ///< begins a transaction that keeps other programs' writes out
     const char* id_type;      ///< a primary key that holds 32 bits unsigned
     const char* ids;          ///< the numbers of the comma-separated list :ids, one per row
-    const char* list_listed;  ///< id, name, bytes of the ascending :ids in table {}, in their order
+    const char* list_listed;  ///< id and bytes of the ascending :ids in table {}, in their order
     const char* named_ids;    ///< the members of the JSON object :names, as "key" and "value"
   };
 

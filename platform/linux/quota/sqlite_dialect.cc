@@ -33,7 +33,7 @@ constexpr QuotaDialect::Sql kSqliteSql = {
     .ids = "SELECT value FROM json_each('[' || :ids || ']')",
     // CROSS JOIN makes SQLite walk the list, and so keep its order, and not the table.
     .list_listed =
-        "SELECT t.id, t.name, t.bytes FROM json_each('[' || :ids || ']') AS listed"
+        "SELECT t.id, t.bytes FROM json_each('[' || :ids || ']') AS listed"
         " CROSS JOIN {} AS t ON t.id = listed.value",
     .named_ids = "json_each(:names)"};
 

@@ -23,7 +23,7 @@ class UGRecord : public db_query::Record,
   bool IsValid() const override;
 
   std::uint32_t id = 0;  ///< uid or gid
-  std::string text;      ///< the store's own; readers ignore it
+  std::string text;      ///< the store's own; it need not fill it in, and readers ignore it
   std::string value;     ///< bytes, as decimal text
 };
 
