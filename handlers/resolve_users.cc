@@ -1,6 +1,9 @@
 #include "resolve_users.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <unordered_set>
+#include <utility>
 
 #include <vela/api_runner.h>
 #include <velamailserver/conf/smtp_ext.h>
@@ -14,13 +17,27 @@ namespace {
 using velamailserver::LogException;
 using velamailserver::velasdk::VelaUser;
 
-[[noreturn]] void RefuseUnknown(const std::vector<std::string>& names) {
+constexpr std::size_t kMostNamed = 10;
+// More are not looked for: each is asked of the whole host, and logged.
+constexpr std::size_t kMostCounted = 100;
+
+// What the message says of those that it does not name.
+std::string Remainder(std::size_t count) {
+  if (count > kMostCounted) {
+    return " and more";
+  }
+  return count > kMostNamed ? " and " + std::to_string(count - kMostNamed) + " more" : "";
+}
+
+[[noreturn]] void RefuseUnknown(std::vector<std::string> names) {
   // A lookup fails in the same way while the accounts cannot be read; then nobody may be called
   // unknown, and this throws first.
   velamailserver::conf::SmtpExt().EnumUsers();
 
+  const std::string remainder = Remainder(names.size());
+  names.resize(std::min(names.size(), kMostNamed));
   throw VELA::APIError(velamailserver::ERR_SDK_USER_GET,
-                       "no such user: [" + velamailserver::Join(names, "], [") + "]");
+                       "no such user: [" + velamailserver::Join(names, "], [") + "]" + remainder);
 }
 
 }  // namespace
@@ -30,6 +47,9 @@ std::vector<VelaUser> ResolveUsers(const std::vector<std::string>& names) {
   std::unordered_set<std::string> mentioned;
   std::vector<std::string> unknown;
   for (const std::string& name : names) {
+    if (unknown.size() > kMostCounted) {
+      break;
+    }
     try {
       const VelaUser user(name);
       if (mentioned.insert(user.RealName()).second) {
@@ -40,7 +60,7 @@ std::vector<VelaUser> ResolveUsers(const std::vector<std::string>& names) {
     }
   }
   if (!unknown.empty()) {
-    RefuseUnknown(unknown);
+    RefuseUnknown(std::move(unknown));
   }
   return users;
 }

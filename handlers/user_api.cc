@@ -58,12 +58,14 @@ UserReportOptions ReadReportOptions(const Parameters& parameters) {
   return options;
 }
 
+std::vector<VelaUser> ReadSelection(const Parameters& parameters) {
+  return parameters.Has("names") ? ResolveUsers(parameters.Texts("names")) : SmtpExt().EnumUsers();
+}
+
 Json::Value List(const Json::Value& params) {
   const Parameters parameters(params, {"names", "sort", "direction", "offset", "limit", "above"});
   const UserReportOptions options = ReadReportOptions(parameters);
-  return ReportUsers(
-      parameters.Has("names") ? ResolveUsers(parameters.Texts("names")) : SmtpExt().EnumUsers(),
-      options);
+  return ReportUsers(ReadSelection(parameters), options);
 }
 
 // The users to change: at least one, and nobody unknown among them.
@@ -98,9 +100,8 @@ Json::Value ClearQuota(const Json::Value& params) {
 }
 
 Json::Value Names(const Json::Value& params) {
-  const Parameters none(params, {});
   Json::Value answer;
-  answer["names"] = RealNames(SmtpExt().EnumUsers());
+  answer["names"] = RealNames(ReadSelection(Parameters(params, {"names"})));
   return answer;
 }
 

@@ -4,13 +4,11 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 
 #include <vela/api_runner.h>
 #include <velamailserver/account/user.h>
 #include <velamailserver/log_exception.h>
-#include <velamailserver/utils/text.h>
 
 namespace quillon::handlers {
 
@@ -28,9 +26,8 @@ constexpr char kUsage[] = "usage";
 // One user of the report: the figures to filter and sort by, beside the document they come from.
 struct Row {
   Json::Value* user;
-  unsigned int uid;
   std::string_view name;
-  unsigned long long limit;
+  std::optional<unsigned long long> limit;
   std::optional<unsigned long long> warning;
   unsigned long long usage;
   std::optional<double> percent;
@@ -48,13 +45,13 @@ struct Row {
   throw;
 }
 
-Json::Value AnnotatedList(User& quota, const std::vector<VelaUser>& users) {
+Json::Value AnnotatedList(const std::vector<VelaUser>& users) {
   Json::Value list(Json::arrayValue);
   for (const VelaUser& user : users) {
     list.append(Json::Value(Json::objectValue))[kName] = user.RealName();
   }
   try {
-    quota.UpdateQuotaUsage(list);
+    User().UpdateQuotaUsage(list);
   } catch (const LogException& error) {
     RefuseWarning(list, error);
   }
@@ -69,46 +66,36 @@ std::string_view TextOf(const Json::Value& value) {
 }
 
 // The wider type keeps the product exact, so that a user at 90 % is not at 89.99… %.
-std::optional<double> Percent(unsigned long long usage, unsigned long long limit) {
-  if (limit == 0) {
+std::optional<double> Percent(unsigned long long usage, std::optional<unsigned long long> limit) {
+  if (limit.value_or(0) == 0) {
     return std::nullopt;
   }
   return static_cast<double>(100.0L * static_cast<long double>(usage) /
-                             static_cast<long double>(limit));
+                             static_cast<long double>(*limit));
 }
 
-// A warning level that equals the limit leaves no difference, and neither does one that is not set:
-// only the store can tell these apart.
-void AskForWarnings(User& quota, const std::vector<VelaUser>& users, std::vector<Row>& rows) {
-  std::unordered_map<unsigned int, unsigned long long> warnings;
-  for (const auto& record : quota.ListUserQuotaWarning(users)) {
-    warnings.emplace(record.id, velamailserver::utils::ToULL(record.value));
+// The library writes a signed 0 for what is not set, and what is set unsigned. To ask the store
+// again would not do: the library finds limits and warnings by name, the store by uid, and an
+// account may share either with another.
+std::optional<unsigned long long> FigureOf(const Json::Value& value) {
+  if (value.type() != Json::uintValue) {
+    return std::nullopt;
   }
-  for (Row& row : rows) {
-    if (const auto found = warnings.find(row.uid); !row.warning && found != warnings.end()) {
-      row.warning = found->second;
-    }
-  }
+  return value.asUInt64();
 }
 
-std::vector<Row> MakeRows(User& quota, const std::vector<VelaUser>& users, Json::Value& list) {
+std::vector<Row> MakeRows(Json::Value& list) {
   std::vector<Row> rows;
-  rows.reserve(users.size());
-  std::vector<VelaUser> without_difference;
-  auto account = users.begin();
+  rows.reserve(list.size());
   for (Json::Value& user : list) {
-    Row row{&user,        account->Uid(),          TextOf(user[kName]), user[kQuota].asUInt64(),
+    Row row{&user,        TextOf(user[kName]),     FigureOf(user[kQuota]),
             std::nullopt, user[kUsage].asUInt64(), std::nullopt};
-    row.percent = Percent(row.usage, row.limit);
-    if (const unsigned long long remaining = user[kRemaining].asUInt64(); remaining != 0) {
-      row.warning = row.limit - remaining;
-    } else {
-      without_difference.push_back(*account);
+    if (const auto remaining = FigureOf(user[kRemaining])) {
+      row.warning = row.limit.value_or(0) - *remaining;
     }
+    row.percent = Percent(row.usage, row.limit);
     rows.push_back(row);
-    ++account;
   }
-  AskForWarnings(quota, without_difference, rows);
   return rows;
 }
 
@@ -147,6 +134,7 @@ Json::Value TakePage(const UserReportOptions& options, std::vector<Row>& rows) {
   for (unsigned long long i = begin; i < begin + length; ++i) {
     const Row& row = rows[i];
     Json::Value& user = page.append(std::move(*row.user));
+    user["limit"] = row.limit ? Json::Value(Json::UInt64{*row.limit}) : Json::Value();
     user["warning"] = row.warning ? Json::Value(Json::UInt64{*row.warning}) : Json::Value();
     user["percent"] = row.percent ? Json::Value(*row.percent) : Json::Value();
   }
@@ -160,9 +148,8 @@ Json::Value TakePage(const UserReportOptions& options, std::vector<Row>& rows) {
 }  // namespace
 
 Json::Value ReportUsers(const std::vector<VelaUser>& users, const UserReportOptions& options) {
-  User quota;
-  Json::Value list = AnnotatedList(quota, users);
-  std::vector<Row> rows = MakeRows(quota, users, list);
+  Json::Value list = AnnotatedList(users);
+  std::vector<Row> rows = MakeRows(list);
   if (options.above) {
     std::erase_if(rows,
                   [&](const Row& row) { return !row.percent || *row.percent < *options.above; });

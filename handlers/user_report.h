@@ -22,9 +22,9 @@ struct UserReportOptions {
 /// {"users": […], "total": how many there are before the page is cut out}. A user has
 ///   "name"
 ///   "quota", "remaining_usage_notification", "usage"  as `User::UpdateQuotaUsage` writes them
+///   "limit"    the limit in bytes, 0 if it is unlimited, null without one
 ///   "warning"  the warning level in bytes, null without one
-///   "percent"  the usage in percent of the limit, null without a limit or with the limit 0, which
-///              means unlimited
+///   "percent"  the usage in percent of the limit, null without a limit and with the limit 0
 ///
 /// Throws what the stores throw, and `APIError` with `ERR_INTERNAL` that names the user whose
 /// stored warning level is above the limit.

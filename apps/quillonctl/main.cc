@@ -70,6 +70,7 @@ int Execute(int argc, char** argv) {
           ->type_name("FILE")
           ->default_str(quillon::platform::kDefaultConfigurationFile);
   app.set_version_flag("--version", "quillonctl " QUILLON_VERSION);
+  app.fallthrough();  // the options above may stand behind a command, too
   app.require_subcommand(0, 1);
   app.footer("Example: quillonctl user list --above 80");
   AddUserCommands(app, command);

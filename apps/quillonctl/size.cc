@@ -1,5 +1,6 @@
 #include "size.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -70,4 +71,13 @@ std::string FormatSize(unsigned long long bytes) {
   }
   return amount == std::floor(amount) ? fmt::format("{:.0f}{}", amount, letter)
                                       : fmt::format("{:.1f}{}", amount, letter);
+}
+
+unsigned long long TotalUsage(const Json::Value& users) {
+  constexpr auto kLargest = std::numeric_limits<unsigned long long>::max();
+  unsigned long long total = 0;
+  for (const Json::Value& user : users) {
+    total += std::min<unsigned long long>(user["usage"].asUInt64(), kLargest - total);
+  }
+  return total;
 }

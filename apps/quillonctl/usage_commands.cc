@@ -52,7 +52,15 @@ class Progress {
   const bool is_terminal_ = ::isatty(STDERR_FILENO) == 1;
 };
 
-Json::Value AllNames() { return Call("Quillon.MailServer.User", "names", Json::Value())["names"]; }
+// The accounts to count, each once however it was named; all of them without names. The calls that
+// count know nothing of each other: the first would be done when a later one refused a name.
+Json::Value AccountNames(const std::vector<std::string>& names) {
+  Json::Value params;
+  if (!names.empty()) {
+    params["names"] = NameArray(names);
+  }
+  return Call("Quillon.MailServer.User", "names", params)["names"];
+}
 
 // Counts chunk by chunk, until one of them is skipped; answers like a single count of them all.
 Json::Value Count(const Json::Value& names) {
@@ -82,16 +90,13 @@ Json::Value Count(const Json::Value& names) {
 }
 
 std::string Summary(const Json::Value& answer) {
-  unsigned long long bytes = 0;
-  for (const Json::Value& user : answer["counted"]) {
-    bytes += user["usage"].asUInt64();
-  }
+  const unsigned long long bytes = TotalUsage(answer["counted"]);
   return fmt::format("usage of {} counted: {} ({} bytes)\n", CountOfUsers(answer["counted"].size()),
                      FormatSize(bytes), bytes);
 }
 
 int CountUsage(const CountOptions& options) {
-  const Json::Value names = options.names.empty() ? AllNames() : NameArray(options.names);
+  const Json::Value names = AccountNames(options.names);
   const Json::Value answer = Count(names);
   const bool is_skipped = answer["skipped"].asBool();
   if (options.as_json) {

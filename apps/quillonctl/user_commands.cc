@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -18,6 +19,7 @@
 
 #include "api_call.h"
 #include "names.h"
+#include "number.h"
 #include "output.h"
 #include "size.h"
 #include "table.h"
@@ -32,7 +34,7 @@ struct ListOptions {
   bool is_reversed = false;
   std::optional<double> above;
   std::optional<unsigned long long> offset;
-  std::optional<long long> limit;
+  std::optional<unsigned long long> limit;
   bool in_bytes = false;
   bool as_json = false;
 };
@@ -51,7 +53,7 @@ Json::Value ListParams(const ListOptions& options) {
     params["offset"] = Json::UInt64{*options.offset};
   }
   if (options.limit) {
-    params["limit"] = Json::Int64{*options.limit};
+    params["limit"] = Json::UInt64{*options.limit};
   }
   return params;
 }
@@ -63,12 +65,12 @@ std::string Bar(double percent) {
 }
 
 // How urgent it is; without a limit nothing is.
-fmt::text_style LevelOf(unsigned long long usage, unsigned long long limit,
+fmt::text_style LevelOf(unsigned long long usage, const Json::Value& limit,
                         const Json::Value& warning) {
-  if (limit == 0) {
+  if (limit.asUInt64() == 0) {
     return {};
   }
-  return fmt::fg(usage >= limit                                     ? fmt::terminal_color::red
+  return fmt::fg(usage >= limit.asUInt64()                          ? fmt::terminal_color::red
                  : !warning.isNull() && usage >= warning.asUInt64() ? fmt::terminal_color::yellow
                                                                     : fmt::terminal_color::green);
 }
@@ -77,7 +79,7 @@ std::vector<Table::Cell> Row(const Json::Value& user, bool in_bytes, bool has_co
   const auto size = [in_bytes](const Json::Value& bytes) {
     return in_bytes ? fmt::to_string(bytes.asUInt64()) : FormatSize(bytes.asUInt64());
   };
-  const unsigned long long limit = user["quota"].asUInt64();
+  const Json::Value& limit = user["limit"];
   const Json::Value& warning = user["warning"];
   const Json::Value& percent = user["percent"];
   const fmt::text_style style =
@@ -86,7 +88,7 @@ std::vector<Table::Cell> Row(const Json::Value& user, bool in_bytes, bool has_co
   std::vector<Table::Cell> cells;
   cells.reserve(6);
   cells.push_back({quillon::platform::Printable(user["name"].asString())});
-  cells.push_back({limit == 0 ? "-" : size(user["quota"])});
+  cells.push_back({limit.isNull() ? "-" : limit.asUInt64() == 0 ? "unlimited" : size(limit)});
   cells.push_back({warning.isNull() ? "-" : size(warning)});
   cells.push_back({size(user["usage"])});
   cells.push_back({percent.isNull() ? "-" : fmt::format("{:.1f}%", percent.asDouble()), style});
@@ -96,10 +98,7 @@ std::vector<Table::Cell> Row(const Json::Value& user, bool in_bytes, bool has_co
 
 std::string Totals(const Json::Value& data, bool in_bytes) {
   const Json::Value& users = data["users"];
-  unsigned long long usage = 0;
-  for (const Json::Value& user : users) {
-    usage += user["usage"].asUInt64();
-  }
+  const unsigned long long usage = TotalUsage(users);
   const unsigned long long total = data["total"].asUInt64();
   const std::string page = users.size() == total ? "" : fmt::format("{} of ", users.size());
   return fmt::format("{}{}, {} used\n", page, CountOfUsers(total),
@@ -133,23 +132,47 @@ int ListUsers(const ListOptions& options) {
   return kDone;
 }
 
+// An option that `parse` reads; CLI11 itself takes an empty number for none, a leading 0 for octal
+// and a number that is too large for the largest. What is wrong with the text is the message of the
+// `std::invalid_argument` that `parse` throws.
+template <typename Value, typename Parse>
+CLI::Option* AddParsed(CLI::App& command, const std::string& name, Value& value, Parse parse,
+                       const std::string& description) {
+  const auto store = [name, &value, parse](const std::string& text) {
+    try {
+      value = parse(text);
+    } catch (const std::invalid_argument& error) {
+      throw CLI::ValidationError(name, error.what());
+    }
+  };
+  return command.add_option_function<std::string>(name, store, description);
+}
+
+unsigned long long ParseOffset(const std::string& text) {
+  return ParseWholeNumber(text, std::numeric_limits<Json::UInt64>::max());
+}
+
+// The API's limit is a signed number.
+unsigned long long ParsePageLimit(const std::string& text) {
+  return ParseWholeNumber(text, std::numeric_limits<Json::Int64>::max());
+}
+
 void AddList(CLI::App& user, Command& command) {
   const auto options = std::make_shared<ListOptions>();
-  CLI::App* list = user.add_subcommand("list", "Show the quota and usage of users");
+  CLI::App* list =
+      user.add_subcommand("list", "Show the quota and usage of users, or of all mail users");
   AddNames(*list, options->names);
   list->add_option("--sort", options->sort, "order of the users")
       ->check(CLI::IsMember({"name", "limit", "warning", "usage", "percent"}))
       ->capture_default_str();
   list->add_flag("--reverse", options->is_reversed, "highest first");
-  list->add_option("--above", options->above,
-                   "only users who use at least this percentage of their limit")
+  AddParsed(*list, "--above", options->above, ParseNumber,
+            "only users who use at least this percentage of their limit")
       ->type_name("PERCENT");
-  list->add_option("--offset", options->offset, "leave out the first N users")
-      ->check([](const std::string& text) {
-        return std::string(text.starts_with('-') ? "must not be negative" : "");
-      })
+  AddParsed(*list, "--offset", options->offset, ParseOffset, "leave out the first N users")
       ->type_name("N");
-  list->add_option("--limit", options->limit, "show at most N users")->type_name("N");
+  AddParsed(*list, "--limit", options->limit, ParsePageLimit, "show at most N users")
+      ->type_name("N");
   list->add_flag("--bytes", options->in_bytes, "show exact sizes");
   list->add_flag("--json", options->as_json, "print JSON");
   list->footer("Example: quillonctl user list --above 80 --sort percent --reverse");
@@ -196,14 +219,7 @@ int ClearQuota(const QuotaOptions& options) {
 
 void AddSize(CLI::App& command, const std::string& name, unsigned long long& bytes,
              const std::string& description) {
-  const auto parse = [name, &bytes](const std::string& text) {
-    try {
-      bytes = ParseSize(text);
-    } catch (const std::invalid_argument& error) {
-      throw CLI::ValidationError(name, error.what());
-    }
-  };
-  command.add_option_function<std::string>(name, parse, description)->type_name("SIZE")->required();
+  AddParsed(command, name, bytes, ParseSize, description)->type_name("SIZE")->required();
 }
 
 void AddSetQuota(CLI::App& user, Command& command) {

@@ -1,3 +1,4 @@
+#include <ostream>
 #include <sstream>
 #include <string>
 
@@ -18,6 +19,9 @@ struct BadCall {
   const char* params;
   const char* message;
 };
+
+// The name of the test.
+void PrintTo(const BadCall& call, std::ostream* out) { *out << call.method << " " << call.params; }
 
 class ParametersTest : public testing::TestWithParam<BadCall> {};
 
@@ -68,7 +72,9 @@ INSTANTIATE_TEST_SUITE_P(
                 "parameter [limit] must be a whole number from -9223372036854775808 to "
                 "9223372036854775807"},
         BadCall{kUser, "list", R"({"above": "80"})", "parameter [above] must be a number"},
-        BadCall{kUser, "names", R"({"names": []})", "unknown parameter [names]"}));
+        BadCall{kUser, "names", R"({"names": "alice"})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kUser, "names", R"({"sort": "name"})", "unknown parameter [sort]"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Changes, ParametersTest,

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <limits>
 #include <string>
 #include <vector>
@@ -55,6 +56,12 @@ class UserAPITest : public testing::Test {
     Data("set_quota", params);
   }
 
+  static Json::Value Selection(const std::vector<std::string>& names) {
+    Json::Value params;
+    params["names"] = Array(names);
+    return params;
+  }
+
   static std::vector<std::string> Names(const Json::Value& params) {
     return Column(Data("list", params), "name");
   }
@@ -86,19 +93,20 @@ TEST_F(UserAPITest, ListsAllMailUsersInOrderOfTheirNames) {
 }
 
 TEST_F(UserAPITest, AnEmptySelectionIsNotEverybody) {
-  Json::Value params;
-  params["names"] = Json::Value(Json::arrayValue);
-  const Json::Value data = Data("list", params);
+  const Json::Value data = Data("list", Selection({}));
   EXPECT_EQ(data["users"], Json::Value(Json::arrayValue));
   EXPECT_EQ(data["total"].asUInt(), 0U);
+  EXPECT_EQ(Data("names", Selection({}))["names"], Json::Value(Json::arrayValue));
+}
+
+TEST_F(UserAPITest, AnswersNamesAsTheAccountsSpellThem) {
+  EXPECT_EQ(Data("names", Selection({"BOB", "alice", "bob"}))["names"], Array({"bob", "alice"}));
 }
 
 TEST_F(UserAPITest, AsksForTheReportByRealNames) {
   world_.SetUsage("alice", "77");
   world_.SetUsage("ALICE", "88");
-  Json::Value params;
-  params["names"] = Array({"ALICE", "alice"});
-  const Json::Value data = Data("list", params);
+  const Json::Value data = Data("list", Selection({"ALICE", "alice"}));
   EXPECT_THAT(Column(data, "name"), ElementsAre("alice"));
   EXPECT_THAT(Column(data, "usage"), ElementsAre("77"));
 }
@@ -109,6 +117,34 @@ TEST_F(UserAPITest, TellsAWarningAtTheLimitFromNone) {
   const Json::Value data = Data("list", Json::Value());
   EXPECT_THAT(Column(data, "remaining_usage_notification"), ElementsAre("0", "100", "0"));
   EXPECT_THAT(Column(data, "warning"), ElementsAre("100", "0", "null"));
+}
+
+TEST_F(UserAPITest, TellsALimitOf0FromNone) {
+  SetQuota("alice", 100, 50);
+  SetQuota("bob", 0, 0);
+  const Json::Value data = Data("list", Json::Value());
+  EXPECT_THAT(Column(data, "quota"), ElementsAre("100", "0", "0"));
+  EXPECT_THAT(Column(data, "limit"), ElementsAre("100", "0", "null"));
+  EXPECT_THAT(SortedBy("limit", "ASC"), ElementsAre("carol", "bob", "alice"));
+}
+
+// Quotas are kept by uid and reported by name.
+TEST_F(UserAPITest, ReportsTheQuotaOfAUidWithItsFirstName) {
+  world_.AddAccount("alias", 1001);
+  SetQuota("alias", 100, 100);
+  const Json::Value data = Data("list", Selection({"alias", "alice"}));
+  EXPECT_THAT(Column(data, "name"), ElementsAre("alias", "alice"));
+  EXPECT_THAT(Column(data, "limit"), ElementsAre("null", "100"));
+  EXPECT_THAT(Column(data, "warning"), ElementsAre("null", "100"));
+}
+
+TEST_F(UserAPITest, ReportsOneQuotaForNamesThatDifferInLetterCase) {
+  world_.AddAccount("ALICE", 1004);
+  SetQuota("alice", 100, 100);
+  const Json::Value data = Data("list", Selection({"ALICE", "alice"}));
+  EXPECT_THAT(Column(data, "name"), ElementsAre("ALICE", "alice"));
+  EXPECT_THAT(Column(data, "limit"), ElementsAre("100", "100"));
+  EXPECT_THAT(Column(data, "warning"), ElementsAre("100", "100"));
 }
 
 TEST_F(UserAPITest, PercentagesAreExact) {
@@ -197,6 +233,24 @@ TEST_F(UserAPITest, OtherFailuresOfTheReportNameNoUser) {
   const std::string message = Exec("list", Json::Value())["error"]["message"].asString();
   EXPECT_THAT(message, testing::HasSubstr("usage store"));
   EXPECT_THAT(message, testing::Not(testing::HasSubstr("user [")));
+}
+
+TEST_F(UserAPITest, NamesTheFirstOfManyUnknownUsers) {
+  std::vector<std::string> names;
+  for (int i = 1; i <= 11; ++i) {
+    names.push_back("n" + std::to_string(i));
+  }
+  EXPECT_EQ(Exec("list", Selection(names))["error"]["message"].asString(),
+            "no such user: [n1], [n2], [n3], [n4], [n5], [n6], [n7], [n8], [n9], [n10] and 1 more");
+  names.resize(5000, "nemo");
+  EXPECT_EQ(Exec("list", Selection(names))["error"]["message"].asString(),
+            "no such user: [n1], [n2], [n3], [n4], [n5], [n6], [n7], [n8], [n9], [n10] and more");
+}
+
+TEST_F(UserAPITest, StopsLookingForUnknownUsers) {
+  Exec("list", Selection(std::vector<std::string>(5000, "nemo")));
+  const std::string log = world_.folder().Read("mail.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 101);
 }
 
 TEST_F(UserAPITest, RefusesAChangeForUnknownUsersBeforeAnythingElse) {

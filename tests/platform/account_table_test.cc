@@ -52,7 +52,17 @@ TEST(AccountTable, LeavesNonAsciiLettersAsTheyAre) {
   EXPECT_EQ(Find(table, "JÖRG"), nullptr);
 }
 
-TEST(AccountTable, TellsLongNamesApartBeyondTheHashedBeginning) {
+TEST(AccountTable, HashesEveryByteOfALongName) {
+  const std::string beginning(256, 'n');
+  const NameHash hash;
+  EXPECT_NE(hash(beginning + "a"), hash(beginning + "b"));
+  EXPECT_NE(hash(beginning), hash(beginning + "a"));
+  EXPECT_NE(hash(beginning + beginning + "a"), hash(beginning + beginning + "b"));
+  EXPECT_EQ(hash(beginning + "Ab"), hash(beginning + "aB"));
+  EXPECT_EQ(hash("Ab"), hash("aB"));
+}
+
+TEST(AccountTable, TellsLongNamesApart) {
   const std::string a = std::string(300, 'n') + "a";
   const std::string b = std::string(300, 'n') + "b";
   const AccountTable table(a + ":x:1:1:::\n" + b + ":x:2:1:::\n", AccountTable::kPasswd);
@@ -80,6 +90,19 @@ TEST(AccountTable, LeavesOutCommentsBlankLinesAndCompatibilityEntries) {
 
   EXPECT_EQ(table.entries().size(), 1U);
   EXPECT_EQ(table.broken_line(), 0U);
+}
+
+TEST(AccountTable, TakesAFileFromAnotherKindOfEditor) {
+  const AccountTable table(
+      "\xef\xbb\xbf"
+      "alice:x:1:1:::\r\n\r\nbob:x:2:1:::\r\n",
+      AccountTable::kPasswd);
+
+  EXPECT_EQ(table.broken_line(), 0U);
+  ASSERT_NE(Find(table, "alice"), nullptr);
+  EXPECT_EQ(Find(table, "alice")->name, "alice");
+  EXPECT_EQ(table.Find(2U)->name, "bob");
+  EXPECT_EQ(table.entries().size(), 2U);
 }
 
 class BrokenLine : public testing::TestWithParam<const char*> {};

@@ -23,6 +23,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using velamailserver::LogException;
 using velamailserver::velasdk::VelaGroup;
 using velamailserver::velasdk::VelaUser;
@@ -148,8 +149,38 @@ TEST_F(Accounts, DoNotWaitForAFifoInTheFilesPlace) {
   configuration_.accounts.passwd_file = folder_ / "fifo";
   UseConfiguration(configuration_);
 
-  EXPECT_EQ(FailureOf([] { VelaUser(std::string("root")); }).code(),
-            velamailserver::ERR_SDK_USER_GET);
+  const auto failure = FailureOf([] { VelaUser(std::string("root")); });
+  EXPECT_EQ(failure.code(), velamailserver::ERR_SDK_USER_GET);
+  EXPECT_EQ(failure.what(),
+            "cannot look up user [root]: " + (folder_ / "fifo") + ": is not a regular file");
+}
+
+TEST_F(Accounts, FailWhenTheFileIsTooLargeToBeOne) {
+  std::filesystem::resize_file(folder_ / "group", 1ULL << 36U);
+
+  const auto failure = FailureOf([] { VelaGroup(std::string("no-such-group")); });
+  EXPECT_EQ(failure.code(), velamailserver::ERR_SDK_GROUP_GET);
+  EXPECT_THAT(failure.what(), HasSubstr(folder_ / "group" + ": is larger than 262144 KiB"));
+}
+
+// As it is for a moment while it is rewritten in place.
+TEST_F(Accounts, FailWhenTheFileIsEmpty) {
+  EXPECT_EQ(VelaUser(std::string("alice")).Uid(), 70001U);
+  folder_.Write("passwd", "");
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));
+
+  for (const char* name : {"alice", "root"}) {
+    const auto failure = FailureOf([name] { VelaUser(std::string(name)); });
+    EXPECT_EQ(failure.code(), velamailserver::ERR_SDK_USER_GET);
+    EXPECT_THAT(failure.what(), HasSubstr(folder_ / "passwd" + ": is empty"));
+  }
+  EXPECT_EQ(FailureOf([] { VelaUser(70001U); }).code(), velamailserver::ERR_SDK_USER_GET_BY_UID);
+  EXPECT_EQ(FailureOf([] { velamailserver::conf::SmtpExt().EnumUsers(); }).code(),
+            velamailserver::ERR_SDK_USER_ENUM);
+
+  folder_.Write("passwd", "# nobody\n");
+  EXPECT_EQ(VelaUser(std::string("root")).Uid(), 0U);
+  EXPECT_THAT(velamailserver::conf::SmtpExt().EnumUsers(), IsEmpty());
 }
 
 TEST_F(Accounts, ReportALineThatIsNoEntryAndGoOn) {

@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -170,6 +171,40 @@ TEST_F(ConfigurationFile, NamesTheLineOfASyntaxError) {
   EXPECT_THAT(FailureOf("[accounts]\nmin_uid = \n"), StartsWith(folder_ / "conf.toml" + ":2: "));
   EXPECT_THAT(FailureOf("[accounts\n"), StartsWith(folder_ / "conf.toml" + ":1: "));
   EXPECT_THAT(FailureOf(std::string("\0\xff\xfe", 3)), StartsWith(folder_ / "conf.toml" + ":1: "));
+}
+
+TEST_F(ConfigurationFile, MayBeLargeButNotVeryLarge) {
+  const std::string comment = "#" + std::string(16 * 1024 - 2, 'x') + "\n";
+  EXPECT_EQ(Load(comment).maildir.domain, "local");
+  EXPECT_EQ(FailureOf(comment + "\n"), folder_ / "conf.toml" + ": is larger than 16 KiB");
+
+  std::filesystem::resize_file(folder_ / "conf.toml", 1ULL << 40U);
+  EXPECT_THROW(LoadConfiguration(folder_ / "conf.toml"), ConfigurationError);
+}
+
+// The parser would need more stack than there is.
+TEST_F(ConfigurationFile, MayBeNothingButDots) {
+  for (const std::size_t levels : {8000U, 100000U}) {
+    std::string key = "a";
+    for (std::size_t level = 1; level < levels; ++level) {
+      key += ".a";
+    }
+    const std::string problem = levels == 8000 ? ":1: a: unknown key" : ": is larger than 16 KiB";
+    for (const std::string& text :
+         {key + "=1\n", "[" + key + "]\n", "[[" + key + "]]\n", "a={" + key.substr(2) + "=1}\n"}) {
+      EXPECT_EQ(FailureOf(text), folder_ / "conf.toml" + problem) << text.substr(0, 4);
+    }
+  }
+}
+
+TEST_F(ConfigurationFile, IsNotReadFromAFifo) {
+  ASSERT_EQ(::mkfifo((folder_ / "fifo").c_str(), 0600), 0);
+  try {
+    LoadConfiguration(folder_ / "fifo");
+    FAIL();
+  } catch (const ConfigurationError& error) {
+    EXPECT_EQ(error.what(), folder_ / "fifo" + std::string(": is not a regular file"));
+  }
 }
 
 TEST_F(ConfigurationFile, MustExistBeReadableAndAFile) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,7 +21,6 @@
 namespace quillon::platform {
 namespace {
 
-using testing::HasSubstr;
 using velamailserver::LogException;
 using velamailserver::account::Maildir;
 namespace fs = std::filesystem;
@@ -47,6 +47,17 @@ class MaildirLookup : public testing::Test {
     configuration_.maildir.domain = "example.org";
     configuration_.log = {"file", folder_ / "mail.log"};
     UseConfiguration(configuration_);
+  }
+
+  // What looking for alice's directory fails with.
+  static std::string Failure() {
+    try {
+      static_cast<void>(OpenMaildir("alice"));
+    } catch (const LogException& error) {
+      EXPECT_EQ(error.code(), velamailserver::ERR_LSTAT_FILE);
+      return error.what();
+    }
+    return "no failure";
   }
 
   test::TemporaryFolder folder_;
@@ -78,7 +89,7 @@ TEST_F(MaildirLookup, FindsADirectoryWhoseRootIsReachedThroughALink) {
 }
 
 TEST_F(MaildirLookup, FindsNothingWhereNothingIs) {
-  for (const std::string& present : {folder_ / "", folder_ / "spool", domain_}) {
+  for (const std::string& present : {folder_ / "spool", domain_}) {
     fs::create_directories(present);
     const Maildir alice(2001);
     EXPECT_FALSE(alice.flag);
@@ -111,7 +122,7 @@ TEST_F(MaildirLookup, FollowsNoLinkBelowTheRoot) {
 
   fs::remove_all(domain_);
   fs::create_directory_symlink(folder_ / "elsewhere", domain_);
-  EXPECT_FALSE(Maildir(2001).flag);
+  EXPECT_EQ(Failure(), domain_ + " (maildir.domain): Not a directory");
 }
 
 TEST_F(MaildirLookup, TakesNoFileForADirectory) {
@@ -121,7 +132,7 @@ TEST_F(MaildirLookup, TakesNoFileForADirectory) {
 
   fs::remove_all(domain_);
   std::ofstream(domain_).close();
-  EXPECT_FALSE(Maildir(2001).flag);
+  EXPECT_EQ(Failure(), domain_ + " (maildir.domain): Not a directory");
 }
 
 TEST_F(MaildirLookup, GoesNowhereForANameThatIsNoFolder) {
@@ -146,29 +157,29 @@ TEST_F(MaildirLookup, ThrowsForAUidWithoutUser) {
 TEST_F(MaildirLookup, ThrowsWhenItCannotTell) {
   MakeMaildir(alice_);
   fs::permissions(folder_.path(), fs::perms(0755));
-  for (const std::string& closed : {folder_ / "spool", domain_, alice_}) {
+  for (const auto& [closed, hidden] : {std::pair(folder_ / "spool", domain_ + " (maildir.domain)"),
+                                       std::pair(domain_, alice_),
+                                       {alice_, alice_ + "/cur"}}) {
     fs::permissions(closed, fs::perms(0700));
-    try {
+    {
       const test::AsNobody nobody;
-      static_cast<void>(OpenMaildir("alice"));
-      ADD_FAILURE() << closed;
-    } catch (const LogException& error) {
-      EXPECT_EQ(error.code(), velamailserver::ERR_LSTAT_FILE);
-      EXPECT_THAT(error.what(), HasSubstr(alice_));
-      EXPECT_THAT(error.what(), HasSubstr("Permission denied"));
+      EXPECT_EQ(Failure(), hidden + ": Permission denied");
     }
     fs::permissions(closed, fs::perms(0755));
   }
 }
 
-TEST_F(MaildirLookup, ThrowsForARootThatIsNoFolder) {
+// Of a disk that is not mounted, for example.
+TEST_F(MaildirLookup, ThrowsWithoutTheRoot) {
+  const std::string root = folder_ / "spool (maildir.root)";
+  EXPECT_EQ(Failure(), root + ": No such file or directory");
+
+  fs::create_directory_symlink(folder_ / "unmounted", folder_ / "spool");
+  EXPECT_EQ(Failure(), root + ": No such file or directory");
+
+  fs::remove(folder_ / "spool");
   folder_.Write("spool", "");
-  try {
-    const Maildir alice(2001);
-    FAIL();
-  } catch (const LogException& error) {
-    EXPECT_EQ(error.what(), folder_ / "spool" + std::string(": Not a directory"));
-  }
+  EXPECT_EQ(Failure(), root + ": Not a directory");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -25,6 +26,7 @@
 #include <velamailserver/account/mailbox_quota.h>
 #include <velamailserver/log_exception.h>
 
+#include "support/as_nobody.h"
 #include "support/postgres_server.h"
 #include "support/temporary_folder.h"
 
@@ -389,6 +391,26 @@ TEST_P(QuotaStore, NeverAnswersAValueThatIsNoNumberOf64Bits) {
               ElementsAre("70001 10", "70003 10"));
 }
 
+// Nothing but our own table definition forbids it.
+TEST_P(QuotaStore, NeverAnswersAValueThatIsMissing) {
+  MailboxQuota quota;
+  quota.SetUserQuotaLimit(Users({70001}), 10);
+  Foreign({"DROP TABLE user_limit",
+           "CREATE TABLE user_limit (id BIGINT PRIMARY KEY, name TEXT, bytes TEXT)",
+           "INSERT INTO user_limit VALUES (70001, 'alice', '10'), (70002, 'bob', NULL)"});
+
+  for (const std::vector<unsigned>& uids :
+       {std::vector{70001U, 70002U}, std::vector{70001U, 70002U, 4294967294U}}) {
+    const auto failure = FailureOf([&] { quota.ListUserQuotaLimit(Users(uids)); });
+    EXPECT_EQ(failure.code(), velamailserver::ERR_DB_SELECT);
+    EXPECT_THAT(
+        failure.what(),
+        AllOf(HasSubstr(Name()),
+              HasSubstr("the value of id 70002 in user_limit is no 64-bit number: [NULL]")));
+  }
+  EXPECT_THAT(Limits({70001}), ElementsAre("70001 10"));
+}
+
 TEST_P(QuotaStore, TheTablesRefuseValuesThatAreNotDigits) {
   SetAliceTo(10);
   for (const char* value : {"", "-1", "1.5", " 1", "abc", "123456789012345678901", "1\n"}) {
@@ -409,6 +431,19 @@ TEST_P(QuotaStore, RefusesAStoreOfANewerProgram) {
 
   Foreign({"UPDATE quota_schema SET version = 1"});
   EXPECT_THAT(Limits({70001}), ElementsAre("70001 10"));
+}
+
+TEST_P(QuotaStore, RefusesAVersionThatIsNoSmallNumber) {
+  SetAliceTo(10);
+  Foreign({"DROP TABLE quota_schema", "CREATE TABLE quota_schema (version TEXT)"});
+  for (const char* version :
+       {"abc", "", "-1", "1.5", "1 ", "99999999999", "4294967297", "18446744073709551617"}) {
+    Foreign({"DELETE FROM quota_schema",
+             fmt::format("INSERT INTO quota_schema VALUES ('{}')", version)});
+    const auto failure = FailureOf([] { Limits({70001}); });
+    EXPECT_EQ(failure.code(), velamailserver::ERR_DB_UPGRADE) << version;
+    EXPECT_THAT(failure.what(), HasSubstr(fmt::format("its schema has version {},", version)));
+  }
 }
 
 TEST_P(QuotaStore, BringsAStoreOfVersion0UpToDate) {
@@ -629,12 +664,49 @@ TEST_F(SqliteQuotaStore, SaysWhenItIsDamaged) {
   EXPECT_THAT(failure.what(), AllOf(HasSubstr(path_), HasSubstr("malformed")));
 }
 
+TEST_F(SqliteQuotaStore, NeverAnswersAValueThatIsNoText) {
+  SetAliceTo(10);
+  const auto foreign = SqliteWorld(path_).Connect();
+  *foreign << "PRAGMA ignore_check_constraints = ON";
+  for (const char* value : {"x'00ff'", "x''", "-5", "zeroblob(1000000)"}) {
+    *foreign << "UPDATE user_limit SET bytes = " << value;
+    const auto failure = FailureOf([] { Limits({70001}); });
+    EXPECT_EQ(failure.code(), velamailserver::ERR_DB_SELECT) << value;
+    EXPECT_THAT(failure.what(),
+                AllOf(HasSubstr(path_), HasSubstr("the value of id 70001 in user_limit is no")));
+  }
+}
+
+TEST_F(SqliteQuotaStore, RefusesAVersionThatIsNoSmallNumber) {
+  SetAliceTo(10);
+  for (const char* version : {"'abc'", "4294967297", "99999999999", "1.5", "-1", "x'31ff'"}) {
+    *SqliteWorld(path_).Connect() << "UPDATE quota_schema SET version = " << version;
+    EXPECT_EQ(FailureOf([] { SetAliceTo(20); }).code(), velamailserver::ERR_DB_UPGRADE) << version;
+  }
+}
+
+// As when somebody runs for the first time what only root may.
+TEST_F(SqliteQuotaStore, SaysWhoMayCreateIt) {
+  const auto users = Users({70001});
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
+  folder_.Write("log", "");
+  std::filesystem::permissions(folder_ / "log", std::filesystem::perms(0666));
+  const test::AsNobody nobody;
+  const auto failure = FailureOf([&] { MailboxQuota().SetUserQuotaLimit(users, 20); });
+  EXPECT_EQ(failure.code(), velamailserver::ERR_DB_CREATE);
+  EXPECT_THAT(failure.what(), HasSubstr("Permission denied: run this as root, or as a user who may "
+                                        "write to " +
+                                        path_ + " and to its folder"));
+}
+
 TEST_F(SqliteQuotaStore, SaysWhenItMayNotBeWritten) {
   SetAliceTo(10);
   const auto users = Users({70001});
-  std::filesystem::permissions(folder_.path(), std::filesystem::perms(0777));
-  for (const auto& [mode, problem] :
-       {std::pair(0444, "readonly"), std::pair(0, "unable to open")}) {
+  const std::string remedy = "run this as root, or as a user who may write to " + path_;
+  for (const auto& [folder_mode, mode, problem] :
+       {std::tuple(0777, 0444, "readonly"), std::tuple(0777, 0, "unable to open"),
+        std::tuple(0755, 0666, "readonly")}) {
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms(folder_mode));
     std::filesystem::permissions(path_, std::filesystem::perms(mode));
     const pid_t child = ::fork();
     if (child == 0) {
@@ -648,12 +720,12 @@ TEST_F(SqliteQuotaStore, SaysWhenItMayNotBeWritten) {
         message = error.what();
       }
       const bool is_clear =
-          message.find(path_) != std::string::npos && message.find(problem) != std::string::npos;
+          message.find(remedy) != std::string::npos && message.find(problem) != std::string::npos;
       ::_exit(is_clear ? 0 : 1);
     }
     int status = -1;
     ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << problem;
+    EXPECT_EQ(status, 0) << problem << " " << folder_mode << "\n" << Log();
   }
   std::filesystem::permissions(path_, std::filesystem::perms(0640));
   EXPECT_THAT(Limits({70001}), ElementsAre("70001 10"));
@@ -711,6 +783,27 @@ TEST_F(PostgresqlQuotaStore, OutlivesItsServer) {
 
   Postgresql().Start();
   EXPECT_THAT(Values(quota.ListUserQuotaLimit(Users({70001}))), ElementsAre("70001 10"));
+}
+
+TEST_F(PostgresqlQuotaStore, GivesUpAServerThatHasStopped) {
+  UseStore(world_.Url(), 1);
+  SetAliceTo(10);
+  Postgresql().Freeze();
+  const auto begin = Clock::now();
+  const auto failure = FailureOf([] { SetAliceTo(20); });
+  Postgresql().Thaw();
+  EXPECT_EQ(failure.code(), velamailserver::ERR_BAD_DB_SESSION);
+  EXPECT_LE(Clock::now() - begin, seconds(5));
+}
+
+TEST_F(PostgresqlQuotaStore, BoundsEveryStatementAtTheServer) {
+  SetAliceTo(10);
+  const auto foreign = world_.Connect();
+  *foreign << "CREATE FUNCTION tell() RETURNS trigger LANGUAGE plpgsql AS"
+              " $$ BEGIN RAISE EXCEPTION 'limit %', current_setting('statement_timeout'); END $$";
+  *foreign << "CREATE TRIGGER tell BEFORE UPDATE ON user_limit FOR EACH ROW"
+              " EXECUTE FUNCTION tell()";
+  EXPECT_THAT(FailureOf([] { SetAliceTo(20); }).what(), HasSubstr("limit 20s"));
 }
 
 TEST_F(PostgresqlQuotaStore, NamesAServerThatIsNotThere) {

@@ -341,6 +341,13 @@ TEST_F(RunningUsageStore, TakesWhatIsNoNumberOfBytesAsAbsentAndLogsIt) {
   }
 }
 
+TEST_F(RunningUsageStore, LogsNoMoreThanTheBeginningOfWhatIsNoNumber) {
+  server_.Command({"SET", "alice/quota/storage", std::string(1 << 20, 'x')});
+
+  EXPECT_THAT(client_.ListUsage({"alice"}), IsEmpty());
+  EXPECT_THAT(Log(), HasSubstr("[" + std::string(40, 'x') + "...], taken as absent\n"));
+}
+
 TEST_F(RunningUsageStore, TakesNamesAsTheyAre) {
   const Names names = {"two words",
                        "it's \"quoted\"",

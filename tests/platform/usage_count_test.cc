@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -103,15 +104,17 @@ TEST_F(UsageCount, DoesNothingWhileAnotherOneRuns) {
 }
 
 TEST_F(UsageCount, StoresNothingWhenADirectoryCannotBeCounted) {
-  configuration_.maildir.root = folder_ / "passwd";
-  UseConfiguration(configuration_);
-
-  try {
-    CountUsage(Users({"alice"}));
-    FAIL();
-  } catch (const LogException& error) {
-    EXPECT_EQ(error.code(), velamailserver::ERR_LSTAT_FILE);
-    EXPECT_EQ(error.what(), folder_ / "passwd" + std::string(": Not a directory"));
+  for (const auto& [root, problem] : {std::pair("passwd", "Not a directory"),
+                                      std::pair("unmounted", "No such file or directory")}) {
+    configuration_.maildir.root = folder_ / root;
+    UseConfiguration(configuration_);
+    try {
+      CountUsage(Users({"alice"}));
+      FAIL() << root;
+    } catch (const LogException& error) {
+      EXPECT_EQ(error.code(), velamailserver::ERR_LSTAT_FILE);
+      EXPECT_EQ(error.what(), folder_ / root + std::string(" (maildir.root): ") + problem);
+    }
   }
   EXPECT_EQ(server_.Command({"DBSIZE"}), "0");
   const FileLockGuard free_again(kUsageCountLockFile);

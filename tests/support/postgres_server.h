@@ -26,6 +26,9 @@ class PostgresServer {
   /// Ends the server, breaking its connections, and begins it anew with the same databases.
   void Stop();
   void Start();
+  /// It accepts connections and never answers, until it thaws. The connections that exist go on.
+  void Freeze() const { program_->Freeze(); }
+  void Thaw() const { program_->Thaw(); }
 
  private:
   TemporaryFolder folder_;

@@ -26,7 +26,20 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"user", "remove"},
         std::vector<std::string>{"user", "list", "--sort", "colour"},
         std::vector<std::string>{"user", "list", "--above", "much"},
+        std::vector<std::string>{"user", "list", "--above", ""},
+        std::vector<std::string>{"user", "list", "--above", "nan"},
+        std::vector<std::string>{"user", "list", "--above", "inf"},
+        std::vector<std::string>{"user", "list", "--above", "1e400"},
+        std::vector<std::string>{"user", "list", "--above", "80%"},
+        std::vector<std::string>{"user", "list", "--offset", ""},
         std::vector<std::string>{"user", "list", "--offset", "-1"},
+        std::vector<std::string>{"user", "list", "--offset", "1.0"},
+        std::vector<std::string>{"user", "list", "--offset", "18446744073709551616"},
+        std::vector<std::string>{"user", "list", "--limit", ""},
+        std::vector<std::string>{"user", "list", "--limit", "-1"},
+        std::vector<std::string>{"user", "list", "--limit", "0x1"},
+        std::vector<std::string>{"user", "list", "--limit", "9223372036854775808"},
+        std::vector<std::string>{"user", "list", "--limit", "1", "--limit", "2"},
         std::vector<std::string>{"user", "list", "--no-such-option"},
         std::vector<std::string>{"user", "list", "[alice,bob]"},
         std::vector<std::string>{"user", "set-quota", "--limit", "1K", "alice"},
@@ -64,7 +77,30 @@ TEST(CommandLineTest, TellsItsVersion) {
   EXPECT_THAT(outcome.output, testing::MatchesRegex("quillonctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
 }
 
-class OutputTest : public testing::TestWithParam<const char*> {
+class ConfigurationOptionTest : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(ConfigurationOptionTest, MayStandAnywhere) {
+  World world;
+  world.AddAccount("--config", 1004);  // behind --, it is a name like any other
+  std::vector<std::string> command = {QuillonctlPath()};
+  for (const std::string& word : GetParam()) {
+    command.push_back(word == "FILE" ? world.configuration_file() : word);
+  }
+  const Outcome outcome = test::Run(command);
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_THAT(outcome.output, HasSubstr("\n2 users, 0B used\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, ConfigurationOptionTest,
+    testing::Values(std::vector<std::string>{"--config", "FILE", "user", "list", "alice", "bob"},
+                    std::vector<std::string>{"user", "--config", "FILE", "list", "alice", "bob"},
+                    std::vector<std::string>{"user", "list", "--config", "FILE", "alice", "bob"},
+                    std::vector<std::string>{"user", "list", "alice", "--config", "FILE", "bob"},
+                    std::vector<std::string>{"user", "list", "alice", "bob", "--config", "FILE"}));
+
+class OutputTest : public testing::TestWithParam<std::string> {
  protected:
   Outcome InShell(const std::string& redirection) const {
     const World world;
@@ -89,8 +125,9 @@ TEST_P(OutputTest, FailsWhenItIsClosed) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, OutputTest,
-                         testing::Values("user list", "user list --json", "user clear-quota alice",
-                                         "--help", "--version"));
+                         testing::Values<std::string>("user list", "user list --json",
+                                                      "user clear-quota alice", "--help",
+                                                      "--version"));
 
 TEST(CommandLineTest, RefusesToGoByHalfOfTheNames) {
   const World world;

@@ -1,3 +1,5 @@
+#include <ostream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +14,9 @@ struct BadFile {
   const char* content;
   const char* place;  // behind the file's name
 };
+
+// The name of the test.
+void PrintTo(const BadFile& file, std::ostream* out) { *out << file.place; }
 
 class ConfigurationFileTest : public testing::TestWithParam<BadFile> {};
 

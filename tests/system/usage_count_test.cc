@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <quillon/platform/printable.h>
 #include <quillon/platform/usage_count.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
 
@@ -66,6 +67,25 @@ TEST_F(UsageCountTest, CountsMoreUsersThanFitIntoOneCall) {
             "usage of 120 users counted: 7.8K (8020 bytes)\n");
 }
 
+TEST_F(UsageCountTest, CountsAUserWhoIsNamedOftenOnce) {
+  std::vector<std::string> arguments = {"usage", "count", "bob"};
+  for (unsigned int i = 0; i < 60; ++i) {
+    world_.AddAccount(fmt::format("user{}", i), 2000 + i);
+    arguments.push_back(fmt::format("user{}", i));
+  }
+  arguments.insert(arguments.end(), {"BOB", "bob"});
+  EXPECT_EQ(world_.Quillonctl(arguments).output, "usage of 61 users counted: 4B (4 bytes)\n");
+}
+
+TEST_F(UsageCountTest, AddsUpToTheLargestNumber) {
+  for (const char* name : {"alice", "bob"}) {
+    world_.folder().Write(
+        fmt::format("spool/local/{}/new/1.M1P1.host,S=18446744073709551615", name), "");
+  }
+  EXPECT_EQ(world_.Quillonctl({"usage", "count"}).output,
+            "usage of 3 users counted: 17179869184G (18446744073709551615 bytes)\n");
+}
+
 TEST_F(UsageCountTest, ShowsItsProgressOnATerminalAndErasesIt) {
   const Outcome outcome = RunOnTerminal(world_.CommandLine({"usage", "count"}));
   EXPECT_EQ(outcome.output,
@@ -95,6 +115,18 @@ TEST_F(UsageCountTest, RefusesUnknownNames) {
   EXPECT_THAT(Usage(), ElementsAre("0", "0", "0"));
 }
 
+TEST_F(UsageCountTest, RefusesUnknownNamesBeforeItCountsAnything) {
+  std::vector<std::string> arguments(100, "alice");
+  arguments.insert(arguments.begin(), {"usage", "count"});
+  for (unsigned int i = 0; i < 60; ++i) {
+    world_.AddAccount(fmt::format("user{}", i), 2000 + i);
+    arguments.push_back(fmt::format("user{}", i));
+  }
+  arguments.emplace_back("eve");
+  EXPECT_EQ(world_.Quillonctl(arguments).error, "quillonctl: no such user: [eve] (error 2107)\n");
+  EXPECT_THAT(Column(world_.QuillonctlJson({"user", "list", "alice"}), "usage"), ElementsAre("0"));
+}
+
 TEST_F(UsageCountTest, FailsWithoutTheUsageStore) {
   world_.redis().Stop();
   const Outcome outcome = world_.Quillonctl({"usage", "count"});
@@ -102,6 +134,36 @@ TEST_F(UsageCountTest, FailsWithoutTheUsageStore) {
   EXPECT_EQ(outcome.output, "");
   EXPECT_THAT(outcome.error, HasSubstr(world_.redis().socket()));
 }
+
+class UnusualNameTest : public testing::TestWithParam<std::string> {};
+
+TEST_P(UnusualNameTest, IsAnAccountLikeAnyOther) {
+  const std::string& name = GetParam();
+  World world;
+  world.AddAccount(name, 1004);
+  world.Deliver(name, "new", 700);
+  world.Deliver(name, ".Sent/cur", 68);
+  EXPECT_EQ(
+      world.Quillonctl({"user", "set-quota", "--limit", "1K", "--warning", "1K", name}).output,
+      "quota of 1 user set: limit 1K, warning 1K\n");
+  EXPECT_EQ(world.Quillonctl({"usage", "count", "-"}, name + "\n").output,
+            "usage of 1 user counted: 768B (768 bytes)\n");
+
+  const Json::Value data = world.QuillonctlJson({"user", "list", name});
+  EXPECT_THAT(Column(data, "name"), ElementsAre(name));
+  EXPECT_THAT(Column(data, "quota"), ElementsAre("1024"));
+  EXPECT_THAT(Column(data, "warning"), ElementsAre("1024"));
+  EXPECT_THAT(Column(data, "usage"), ElementsAre("768"));
+  EXPECT_THAT(
+      world.Quillonctl({"user", "list"}).output,
+      HasSubstr(platform::Printable(name) + "     1K       1K   768B    75.0%  [#######...]\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, UnusualNameTest,
+                         testing::Values<std::string>("o'hara", "\"quoted\"", "two words",
+                                                      "100%s%n", "DOMAIN\\user", "s\u00f8ren",
+                                                      "$(id)", "semi;colon", "{name}", "a*b?c",
+                                                      "[a]bc"));
 
 }  // namespace
 }  // namespace quillon::test

@@ -50,6 +50,7 @@ TEST_F(UserListTest, PrintsTheDocument) {
   EXPECT_EQ(data["total"].asUInt(), 3U);
   EXPECT_THAT(Column(data, "name"), ElementsAre("alice", "bob", "carol"));
   EXPECT_THAT(Column(data, "quota"), ElementsAre("1024", "0", "0"));
+  EXPECT_THAT(Column(data, "limit"), ElementsAre("1024", "null", "null"));
   EXPECT_THAT(Column(data, "remaining_usage_notification"), ElementsAre("512", "0", "0"));
   EXPECT_THAT(Column(data, "warning"), ElementsAre("512", "null", "null"));
   EXPECT_THAT(Column(data, "usage"), ElementsAre("600", "1536", "0"));
@@ -64,9 +65,33 @@ TEST_F(UserListTest, ShowsAWarningThatEqualsTheLimit) {
 
 TEST_F(UserListTest, TakesALimitOf0AsUnlimited) {
   world_.Quillonctl({"user", "set-quota", "--limit", "0", "--warning", "0", "bob"});
-  const Json::Value data = world_.QuillonctlJson({"user", "list", "bob"});
-  EXPECT_THAT(Column(data, "percent"), ElementsAre("null"));
-  EXPECT_THAT(Column(data, "warning"), ElementsAre("0"));
+  const Json::Value data = world_.QuillonctlJson({"user", "list", "bob", "carol"});
+  EXPECT_THAT(Column(data, "quota"), ElementsAre("0", "0"));
+  EXPECT_THAT(Column(data, "limit"), ElementsAre("0", "null"));
+  EXPECT_THAT(Column(data, "percent"), ElementsAre("null", "null"));
+  EXPECT_THAT(Column(data, "warning"), ElementsAre("0", "null"));
+  EXPECT_EQ(world_.Quillonctl({"user", "list", "bob", "carol"}).output,
+            "NAME       LIMIT  WARNING  USAGE  PERCENT\n"
+            "bob    unlimited       0B   1.5K        -\n"
+            "carol          -        -     0B        -\n"
+            "2 users, 1.5K used\n");
+}
+
+TEST_F(UserListTest, AddsUpToTheLargestNumber) {
+  world_.SetUsage("alice", "18446744073709551614");
+  EXPECT_THAT(world_.Quillonctl({"user", "list", "--bytes"}).output,
+              HasSubstr("\n3 users, 18446744073709551615 used\n"));
+}
+
+TEST_F(UserListTest, ReadsNumbersAsDecimals) {
+  for (unsigned int i = 0; i < 9; ++i) {
+    world_.AddAccount("user" + std::to_string(i), 2000 + i);
+  }
+  EXPECT_THAT(Column(world_.QuillonctlJson({"user", "list", "--limit", "010"}), "name").size(), 10);
+  EXPECT_THAT(Column(world_.QuillonctlJson({"user", "list", "--offset", "010"}), "name"),
+              ElementsAre("user7", "user8"));
+  EXPECT_THAT(Column(world_.QuillonctlJson({"user", "list", "--above", "1e1"}), "name"),
+              ElementsAre("alice"));
 }
 
 TEST_F(UserListTest, FindsNamesInAnyLetterCase) {

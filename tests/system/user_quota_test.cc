@@ -50,7 +50,7 @@ TEST_F(UserQuotaTest, KeepsAll64Bits) {
 }
 
 TEST_F(UserQuotaTest, KnowsTheUnits) {
-  Set("7B", "7", {"alice"});
+  Set("7B", "07", {"alice"});
   Set("7K", "7K", {"bob"});
   Set("7M", "7M", {"carol"});
   EXPECT_THAT(Limits(), ElementsAre("7", "7168", "7340032"));
@@ -113,22 +113,23 @@ TEST_F(UserQuotaTest, DoesNotCallUsersUnknownWhileTheAccountsCannotBeRead) {
                                             testing::Not(HasSubstr("no such user"))));
 }
 
-class BadSizeTest : public testing::TestWithParam<const char*> {};
+class BadSizeTest : public testing::TestWithParam<std::string> {};
 
 TEST_P(BadSizeTest, IsWrongUsage) {
   const World world;
-  const Outcome outcome = world.Quillonctl(
-      {"user", "set-quota", std::string("--limit=") + GetParam(), "--warning", "1", "alice"});
+  const Outcome outcome =
+      world.Quillonctl({"user", "set-quota", "--limit=" + GetParam(), "--warning", "1", "alice"});
   EXPECT_EQ(outcome.exit_code, 2);
   EXPECT_EQ(outcome.output, "");
   EXPECT_THAT(outcome.error, testing::AllOf(HasSubstr("quillonctl: --limit: "),
-                                            HasSubstr(std::string("[") + GetParam() + "]")));
+                                            HasSubstr("[" + GetParam() + "]")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BadSizeTest,
-                         testing::Values("K", "-1", "+1", "1.5G", "1k", "1KB", "1T", "1 K", " 1",
-                                         "0x10", "1e3", "G1", "18446744073709551616",
-                                         "17179869184G", "99999999999999999999K"));
+                         testing::Values<std::string>("K", "-1", "+1", "1.5G", "1k", "1KB", "1T",
+                                                      "1 K", " 1", "0x10", "1e3", "G1",
+                                                      "18446744073709551616", "17179869184G",
+                                                      "99999999999999999999K"));
 
 }  // namespace
 }  // namespace quillon::test

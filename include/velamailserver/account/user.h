@@ -28,10 +28,12 @@ class VELAMAILSERVER_EXPORT User : public account::MailboxQuota {
   void ClearQuota(const std::vector<velasdk::VelaUser>& users);
 
   /// Adds three figures, in bytes, to every member of `list`, an array of objects with a "name":
-  ///   "quota"                         the user's limit, 0 without one
-  ///   "remaining_usage_notification"  the limit less the warning level, 0 without a warning level
-  ///   "usage"                         the mail that the user stores, 0 when the usage store has no
-  ///   entry
+  ///   "quota"                         the user's limit
+  ///   "remaining_usage_notification"  the limit less the warning level
+  ///   "usage"                         the mail that the user stores
+  /// A figure that is not there (no limit, no warning level, no entry in the usage store) is a
+  /// signed 0; one that is there is an unsigned 64-bit number, even if it is 0.
+  ///
   /// A name whose lookup fails with a `LogException`, for whatever reason, is logged and not asked
   /// about: it gets zeros, unless another member's user has the same name in another letter case.
   /// Limits and warnings are found in any letter case of the name, the usage by the name exactly as

@@ -32,6 +32,9 @@ constexpr int kBrokenLineLine = 41;
 
 constexpr char kHostPasswdFile[] = "/etc/passwd";
 
+// Millions of accounts; what is larger is something else, and would not fit into the memory.
+constexpr std::size_t kLargestFile = 256U << 20U;  // bytes
+
 // What tells one state of a file from another without reading it.
 struct FileState {
   explicit FileState(const struct stat& status)
@@ -78,12 +81,16 @@ class AccountFile {
   void Refresh(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
-      throw std::system_error(errno, std::generic_category(), path);
+      throw FileError(errno, path);
     }
     if (table_ != nullptr && path == path_ && FileState(status) == state_) {
       return;
     }
-    const FileText file = ReadFileText(path);
+    const FileText file = ReadFileText(path, kLargestFile);
+    if (file.text.empty()) {
+      // More likely cut off, or about to be written anew, than meant: everybody would be gone.
+      throw FileError(EINVAL, path, "is empty (a comment in it says that there are no accounts)");
+    }
     table_ = std::make_shared<const AccountTable>(file.text, format_);
     path_ = path;
     state_ = FileState(file.status);

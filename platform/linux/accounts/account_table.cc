@@ -14,6 +14,9 @@ namespace {
 
 using AccountEntry = velamailserver::velasdk::AccountEntry;
 
+// What some editors write in front of UTF-8; it is not part of the first name.
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+
 // Cuts the text up to the next `separator` off the front of `rest`.
 std::string_view CutField(std::string_view& rest, char separator) {
   const auto end = std::min(rest.find(separator), rest.size());
@@ -23,7 +26,7 @@ std::string_view CutField(std::string_view& rest, char separator) {
 }
 
 bool IsEntry(std::string_view line) {
-  const auto start = line.find_first_not_of(" \t");
+  const auto start = line.find_first_not_of(" \t\r");
   return start != std::string_view::npos && line[start] != '#' && line[0] != '+' && line[0] != '-';
 }
 
@@ -44,12 +47,16 @@ std::optional<AccountEntry> ParseLine(std::string_view line, AccountTable::Forma
 }  // namespace
 
 std::size_t NameHash::operator()(std::string_view name) const {
-  // No account name is longer than the buffer; the hash of one that is takes its beginning only.
+  // No name of a real account is longer than the buffer, but every byte of one that is counts.
   std::array<char, 256> lower;  // NOLINT: filled as far as it is read
-  const std::size_t length = std::min(name.size(), lower.size());
-  std::transform(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(length), lower.begin(),
-                 LowerCase);
-  return std::hash<std::string_view>()(std::string_view(lower.data(), length));
+  std::size_t hash = 0;
+  do {
+    const std::string_view piece = name.substr(0, lower.size());
+    std::transform(piece.begin(), piece.end(), lower.begin(), LowerCase);
+    hash = 31 * hash + std::hash<std::string_view>()({lower.data(), piece.size()});
+    name.remove_prefix(piece.size());
+  } while (!name.empty());
+  return hash;
 }
 
 bool NameEqual::operator()(std::string_view a, std::string_view b) const {
@@ -58,6 +65,9 @@ bool NameEqual::operator()(std::string_view a, std::string_view b) const {
 }
 
 AccountTable::AccountTable(std::string_view text, Format format) {
+  if (text.starts_with(kByteOrderMark)) {
+    text.remove_prefix(kByteOrderMark.size());
+  }
   std::size_t line_number = 0;
   std::size_t names_length = 0;
   while (!text.empty()) {

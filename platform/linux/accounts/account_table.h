@@ -28,8 +28,8 @@ class AccountTable {
   /// Which format: the two share name and id, in their first and third field.
   enum Format { kPasswd, kGroup };
 
-  /// Blank lines, comments and the entries of compatibility mode ("+…", "-…") are left out, as is a
-  /// line that does not parse.
+  /// A byte order mark, blank lines, comments and the entries of compatibility mode ("+…", "-…")
+  /// are left out, as is a line that does not parse.
   AccountTable(std::string_view text, Format format);
   AccountTable(const AccountTable&) = delete;
   AccountTable& operator=(const AccountTable&) = delete;

@@ -8,6 +8,7 @@
 #include "backend/redis_connection.h"
 #include "backend/usage_keys.h"
 #include "utils/decimal.h"
+#include "utils/excerpt.h"
 
 namespace quillon::backend {
 
@@ -20,9 +21,10 @@ constexpr int kDeleteFailedLine = 71;
 
 // One bad figure costs its user's usage, not everybody's report.
 void LogNoNumber(const RedisConnection& connection, const std::string& name,
-                 const std::string& value) {
+                 std::string_view value) {
   maillog(3, "%s:%d usage store %s: the entry of [%s] is no number of bytes: [%s], taken as absent",
-          kSourceFile, kNoNumberLine, connection.ServerName().c_str(), name.c_str(), value.c_str());
+          kSourceFile, kNoNumberLine, connection.ServerName().c_str(), name.c_str(),
+          platform::Excerpt(value).c_str());
 }
 
 void LogWrongTypes(RedisConnection& connection, const UsageKeys& keys,
@@ -95,7 +97,7 @@ std::unordered_map<std::string, std::string> QuotaRedisClient::ListUsage(
             if (platform::ParseDecimal<unsigned long long>(bytes)) {
               usage.emplace(chunk[n], bytes);
             } else {
-              LogNoNumber(*connection_, chunk[n], std::string(bytes));
+              LogNoNumber(*connection_, chunk[n], bytes);
             }
           } else if (value.type == REDIS_REPLY_NIL) {
             absent.push_back(chunk[n]);

@@ -2,12 +2,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
-#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -25,6 +25,10 @@ namespace {
 
 constexpr char kSourceFile[] = "platform/linux/conf/configuration";
 constexpr int kUnusableLine = 27;
+
+// The parser recurses for every dot of a key, without a limit of its own: this one keeps a file of
+// nothing but dots within the stack.
+constexpr std::size_t kLargestFile = 16 * 1024;
 
 std::string Position(const std::string& path, const toml::source_region& source) {
   return fmt::format("{}:{}", path, source.begin.line);
@@ -142,8 +146,8 @@ const char* ObjectToLogTarget(const std::string& target) {
 std::string ReadTrustedText(const std::string& path) {
   FileText file;
   try {
-    file = ReadFileText(path);
-  } catch (const std::system_error& error) {
+    file = ReadFileText(path, kLargestFile);
+  } catch (const FileError& error) {
     throw ConfigurationError(error.what());
   }
   if ((file.status.st_mode & S_IWOTH) != 0) {

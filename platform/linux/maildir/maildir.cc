@@ -19,6 +19,7 @@ using velamailserver::LogException;
 
 constexpr char kSourceFile[] = "platform/linux/maildir/maildir";
 constexpr int kRootLine = 44;
+constexpr int kDomainLine = 51;
 constexpr int kFolderLine = 58;
 constexpr int kSubfolderLine = 71;
 
@@ -32,21 +33,32 @@ bool IsFolderName(const std::string& name) {
                      path + ": " + std::generic_category().message(errno), 3, kSourceFile, line);
 }
 
-FileDescriptor OpenRoot(const std::string& path) {
-  FileDescriptor root(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!root.IsOpen() && errno != ENOENT) {
-    Fail(kRootLine, path);
-  }
-  return root;
+std::string DomainPath(const Configuration::Maildir& maildir) {
+  return maildir.root + (maildir.root.ends_with('/') ? "" : "/") + maildir.domain;
 }
 
-FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name,
-                          const std::string& path) {
-  if (!parent.IsOpen()) {
-    return {};
-  }
-  FileDescriptor folder(
+FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name) {
+  return FileDescriptor(
       ::openat(parent.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// Holds nothing before the first mail of the domain. A missing root is an error: with a disk that
+// is not mounted, or a slip in the configuration, all users would seem to have no mail.
+FileDescriptor OpenDomain(const Configuration::Maildir& maildir) {
+  const FileDescriptor root(::open(maildir.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!root.IsOpen()) {
+    Fail(kRootLine, maildir.root + " (maildir.root)");
+  }
+  FileDescriptor domain = OpenFolder(root, maildir.domain);
+  if (!domain.IsOpen() && errno != ENOENT) {
+    Fail(kDomainLine, DomainPath(maildir) + " (maildir.domain)");
+  }
+  return domain;
+}
+
+FileDescriptor OpenAccount(const FileDescriptor& domain, const std::string& account,
+                           const std::string& path) {
+  FileDescriptor folder = OpenFolder(domain, account);
   const bool is_absent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
   if (!folder.IsOpen() && !is_absent && errno != ENAMETOOLONG) {
     Fail(kFolderLine, path);
@@ -71,21 +83,19 @@ std::string MaildirPath(const std::string& account) {
   if (!IsFolderName(account)) {
     return "";
   }
-  const auto configuration = CurrentConfiguration();
-  const Configuration::Maildir& maildir = configuration->maildir;
-  return maildir.root + (maildir.root.ends_with('/') ? "" : "/") + maildir.domain + "/" + account;
+  return DomainPath(CurrentConfiguration()->maildir) + "/" + account;
 }
 
 FileDescriptor OpenMaildir(const std::string& account) {
   if (!IsFolderName(account)) {
     return {};
   }
-  const auto configuration = CurrentConfiguration();
-  const Configuration::Maildir& maildir = configuration->maildir;
+  const FileDescriptor domain = OpenDomain(CurrentConfiguration()->maildir);
+  if (!domain.IsOpen()) {
+    return {};
+  }
   const std::string path = MaildirPath(account);
-  const FileDescriptor root = OpenRoot(maildir.root);
-  const FileDescriptor domain = OpenFolder(root, maildir.domain, path);
-  FileDescriptor folder = OpenFolder(domain, account, path);
+  FileDescriptor folder = OpenAccount(domain, account, path);
   for (const char* name : {"cur", "new", "tmp"}) {
     if (!folder.IsOpen() || !HasFolder(folder, name, path)) {
       return {};

@@ -21,6 +21,10 @@ using velamailserver::LogException;
 constexpr char kSourceFile[] = "platform/linux/quota/postgresql_dialect";
 constexpr int kMalformedUrlLine = 63;
 
+// How many busy time-outs the server has for a statement: long enough for the largest batches.
+// Nothing bounds the wait for a server that has been stopped in the middle of one.
+constexpr int kStatementTimeouts = 10;
+
 constexpr QuotaDialect::Sql kPostgresqlSql = {
     // The number is the store's own; two writers would otherwise meet row by row, in any order.
     .begin = "BEGIN; SELECT pg_advisory_xact_lock(487301543009)",
@@ -101,8 +105,9 @@ std::string ConnectString(const PQconninfoOption* options, int busy_timeout) {
       value = std::to_string(busy_timeout);
     } else if (keyword == "options") {
       // The URL's own come last and win.
-      value =
-          fmt::format("-c lock_timeout={}s -c client_min_messages=warning {}", busy_timeout, value);
+      value = fmt::format(
+          "-c lock_timeout={}s -c statement_timeout={}s -c client_min_messages=warning {}",
+          busy_timeout, kStatementTimeouts * busy_timeout, value);
     } else if (keyword == "client_encoding") {
       value = "UTF8";
     } else if (option->val == nullptr && !IsPinned(*option)) {

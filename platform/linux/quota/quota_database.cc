@@ -11,6 +11,7 @@
 #include <velamailserver/log_exception.h>
 
 #include "quota/quota_transaction.h"
+#include "utils/excerpt.h"
 
 namespace quillon::platform {
 
@@ -161,14 +162,15 @@ std::vector<Record> QuotaDatabase::Fetch(const char* table, const Ids& ids) {
 
   long long id = 0;
   Record record;
+  soci::indicator indicator = soci::i_ok;
   soci::statement select =
       is_dense
           ? (session_->prepare << fmt::format(
                  "SELECT id, bytes FROM {} WHERE id BETWEEN :first AND :last ORDER BY id", table),
              soci::use(first, "first"), soci::use(last, "last"), soci::into(id),
-             soci::into(record.value))
+             soci::into(record.value, indicator))
           : (session_->prepare << fmt::format(fmt::runtime(dialect_->sql().list_listed), table),
-             soci::use(ids_text, "ids"), soci::into(id), soci::into(record.value));
+             soci::use(ids_text, "ids"), soci::into(id), soci::into(record.value, indicator));
   select.execute();
 
   std::vector<Record> records;
@@ -180,11 +182,14 @@ std::vector<Record> QuotaDatabase::Fetch(const char* table, const Ids& ids) {
       continue;
     }
     record.id = *wanted;
+    if (indicator == soci::i_null) {
+      record.value = "NULL";
+    }
     if (!record.IsValid()) {
       throw LogException(
           ERR_DB_SELECT,
-          fmt::format("quota store [{}]: {} holds [{}] for id {}, which is no 64-bit number",
-                      dialect_->store(), table, record.value, record.id),
+          fmt::format("quota store [{}]: the value of id {} in {} is no 64-bit number: [{}]",
+                      dialect_->store(), record.id, table, Excerpt(record.value)),
           3, kSourceFile, kInvalidValueLine);
     }
     records.push_back(record);

@@ -89,7 +89,9 @@ std::string QuotaDialect::Explain(const soci::soci_error& error) const {
     return fmt::format("another program has locked it for more than {} s", busy_timeout());
   }
   // Without SOCI's account of the statement and all its parameters, which may be megabytes.
-  return OnOneLine(WithoutOrigin(error.get_error_message()));
+  const std::string remedy = Remedy(error);
+  return OnOneLine(WithoutOrigin(error.get_error_message())) + (remedy.empty() ? "" : ": ") +
+         remedy;
 }
 
 }  // namespace quillon::platform

@@ -49,6 +49,8 @@ class QuotaDialect {
 
   int busy_timeout() const { return busy_timeout_; }
   virtual bool IsLocked(const soci::soci_error& error) const = 0;
+  /// What to do about a failure, when its message does not say it; else empty.
+  virtual std::string Remedy(const soci::soci_error& /*error*/) const { return ""; }
 
  private:
   std::string store_;

@@ -1,13 +1,17 @@
 #include "quota/quota_schema.h"
 
 #include <array>
+#include <cstddef>
 #include <optional>
+#include <string>
 
 #include <fmt/format.h>
 
 #include <velamailserver/log_exception.h>
 
 #include "quota/quota_transaction.h"
+#include "utils/decimal.h"
+#include "utils/excerpt.h"
 
 namespace quillon::platform {
 
@@ -38,18 +42,28 @@ void CreateTables(soci::session& session, const QuotaDialect& dialect) {
 using Migration = void (*)(soci::session&, const QuotaDialect&);
 constexpr std::array<Migration, 1> kMigrations = {CreateTables};
 
-constexpr int kNewestVersion = static_cast<int>(kMigrations.size());
+constexpr std::size_t kNewestVersion = kMigrations.size();
 
-// 0 for a store whose first migration is still to come.
-int ReadVersion(soci::session& session) {
-  int version = 0;
-  session << "SELECT coalesce(max(version), 0) FROM quota_schema", soci::into(version);
-  return version;
+// 0 for a store whose first migration is still to come. As text, because SQLite keeps anything in a
+// column of numbers and answers a number all the same.
+std::size_t ReadVersion(soci::session& session, const QuotaDialect& dialect) {
+  std::string text;
+  session << "SELECT coalesce(CAST(max(version) AS TEXT), '0') FROM quota_schema", soci::into(text);
+  const auto version = ParseDecimal<std::size_t>(text);
+  if (!version || *version > kNewestVersion) {
+    throw LogException(
+        ERR_DB_UPGRADE,
+        fmt::format("quota store [{}]: its schema has version {}, this program knows versions up "
+                    "to {}: install the program that wrote it, or a newer one",
+                    dialect.store(), Excerpt(text), kNewestVersion),
+        3, kSourceFile, kUnknownVersionLine);
+  }
+  return *version;
 }
 
-std::optional<int> ReadVersionIfAny(soci::session& session, const QuotaDialect& dialect) {
+std::optional<std::size_t> ReadVersionIfAny(soci::session& session, const QuotaDialect& dialect) {
   try {
-    return ReadVersion(session);
+    return ReadVersion(session, dialect);
   } catch (const soci::soci_error& error) {
     if (dialect.IsMissingTable(error)) {
       return std::nullopt;
@@ -61,40 +75,25 @@ std::optional<int> ReadVersionIfAny(soci::session& session, const QuotaDialect& 
   }
 }
 
-void RefuseUnknownVersion(int version, const QuotaDialect& dialect) {
-  if (version < 0 || version > kNewestVersion) {
-    throw LogException(
-        ERR_DB_UPGRADE,
-        fmt::format("quota store [{}]: its schema has version {}, this program knows versions up "
-                    "to {}: install the program that wrote it, or a newer one",
-                    dialect.store(), version, kNewestVersion),
-        3, kSourceFile, kUnknownVersionLine);
-  }
-}
-
 void Migrate(soci::session& session, const QuotaDialect& dialect) {
   QuotaTransaction transaction(session, dialect.sql().begin);
   session << "CREATE TABLE IF NOT EXISTS quota_schema (version INTEGER NOT NULL)";
   // Another program may have been faster.
-  const int version = ReadVersion(session);
-  RefuseUnknownVersion(version, dialect);
-  for (int next = version; next < kNewestVersion; ++next) {
-    kMigrations[static_cast<std::size_t>(next)](session, dialect);
+  for (auto next = ReadVersion(session, dialect); next < kNewestVersion; ++next) {
+    kMigrations[next](session, dialect);
   }
   session << "DELETE FROM quota_schema";
-  session << "INSERT INTO quota_schema (version) VALUES (:version)",
-      soci::use(kNewestVersion, "version");
+  session << "INSERT INTO quota_schema (version) VALUES (" << kNewestVersion << ")";
   transaction.Commit();
 }
 
 }  // namespace
 
 void UpgradeQuotaSchema(soci::session& session, const QuotaDialect& dialect) {
-  const std::optional<int> version = ReadVersionIfAny(session, dialect);
+  const auto version = ReadVersionIfAny(session, dialect);
   if (version == kNewestVersion) {
     return;
   }
-  RefuseUnknownVersion(version.value_or(0), dialect);
   try {
     if (!version) {
       dialect.PrepareNew(session);

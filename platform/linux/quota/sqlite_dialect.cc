@@ -42,6 +42,11 @@ int SqliteResult(const soci::soci_error& error) {
   return sqlite_error == nullptr ? SQLITE_OK : sqlite_error->result();
 }
 
+// SQLite keeps files of its own beside the database.
+std::string AccessRemedy(const std::string& path) {
+  return fmt::format("run this as root, or as a user who may write to {} and to its folder", path);
+}
+
 void CreateFile(const std::string& path) {
   // Not by opening it: to close a descriptor of the file would drop the locks that another thread's
   // connection may hold on it by then.
@@ -50,12 +55,14 @@ void CreateFile(const std::string& path) {
   }
   const int error = errno;
   const std::string folder = std::filesystem::path(path).parent_path();
-  const std::string problem =
-      error == ENOENT ? fmt::format(
-                            "there is no folder [{0}]: create it (mkdir -p {0}), or set "
-                            "quota.store to another place",
-                            folder)
-                      : std::generic_category().message(error);
+  std::string problem = std::generic_category().message(error);
+  if (error == ENOENT) {
+    problem = fmt::format(
+        "there is no folder [{0}]: create it (mkdir -p {0}), or set quota.store to another place",
+        folder);
+  } else if (error == EACCES) {
+    problem += ": " + AccessRemedy(path);
+  }
   throw LogException(ERR_DB_CREATE,
                      fmt::format("quota store [{}]: cannot create it: {}", path, problem), 3,
                      kSourceFile, kFileNotCreatedLine);
@@ -121,6 +128,11 @@ class SqliteDialect : public QuotaDialect {
  protected:
   bool IsLocked(const soci::soci_error& error) const override {
     return SqliteResult(error) == SQLITE_BUSY;
+  }
+
+  std::string Remedy(const soci::soci_error& error) const override {
+    const int result = SqliteResult(error);
+    return result == SQLITE_CANTOPEN || result == SQLITE_READONLY ? AccessRemedy(store()) : "";
   }
 };
 

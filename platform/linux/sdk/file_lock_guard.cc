@@ -56,7 +56,9 @@ FileDescriptor OpenFolder(const std::string& path) {
   struct stat status {};
   if (!folder.IsOpen() || ::fstat(folder.Get(), &status) != 0) {
     const int error = errno;
-    Fail(kOpenFolderFailedLine, path, IsLink(path) ? "is a link" : Reason(error));
+    const bool is_for_root = error == ENOENT && ::geteuid() != 0;
+    Fail(kOpenFolderFailedLine, path,
+         IsLink(path) ? "is a link" : Reason(error) + (is_for_root ? " (root creates it)" : ""));
   }
   if (status.st_uid != 0) {
     Fail(kUnsafeFolderLine, path, "is not owned by root");

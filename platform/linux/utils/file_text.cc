@@ -2,35 +2,39 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <system_error>
+
+#include <fmt/format.h>
 
 #include "utils/file_descriptor.h"
 
 namespace quillon::platform {
 
-namespace {
-
-[[noreturn]] void Fail(int error, const std::string& path) {
-  throw std::system_error(error, std::generic_category(), path);
-}
-
-}  // namespace
-
-FileText ReadFileText(const std::string& path) {
+FileText ReadFileText(const std::string& path, std::size_t most_bytes) {
+  const auto fail_as_too_large = [&] {
+    throw FileError(EFBIG, path, fmt::format("is larger than {} KiB", most_bytes / 1024));
+  };
   // Without waiting, so that a FIFO in the file's place cannot hold us up.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   FileText result{};
   if (!file.IsOpen() || ::fstat(file.Get(), &result.status) != 0) {
-    Fail(errno, path);
+    throw FileError(errno, path);
+  }
+  if (S_ISDIR(result.status.st_mode)) {
+    throw FileError(EISDIR, path);
   }
   if (!S_ISREG(result.status.st_mode)) {
-    Fail(S_ISDIR(result.status.st_mode) ? EISDIR : EINVAL, path);
+    throw FileError(EINVAL, path, "is not a regular file");
+  }
+  const auto expected = static_cast<std::size_t>(result.status.st_size);
+  if (expected > most_bytes) {
+    fail_as_too_large();
   }
 
   // One byte more than expected, so that a file of the expected size ends at the second read.
   std::size_t length = 0;
-  result.text.resize(static_cast<std::size_t>(result.status.st_size) + 1);
+  result.text.resize(expected + 1);
   while (true) {
     const ssize_t got =
         ::read(file.Get(), result.text.data() + length, result.text.size() - length);
@@ -38,14 +42,17 @@ FileText ReadFileText(const std::string& path) {
       continue;
     }
     if (got < 0) {
-      Fail(errno, path);
+      throw FileError(errno, path);
     }
     if (got == 0) {
       break;
     }
     length += static_cast<std::size_t>(got);
+    if (length > most_bytes) {
+      fail_as_too_large();
+    }
     if (length == result.text.size()) {
-      result.text.resize(2 * length);
+      result.text.resize(std::min(2 * length, most_bytes + 1));
     }
   }
   result.text.resize(length);

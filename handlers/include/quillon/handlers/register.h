@@ -7,7 +7,8 @@ namespace quillon::handlers {
 ///
 /// "Quillon.MailServer.User" version 1, sizes in bytes. Names are found in any letter case and
 /// answered as the accounts spell them; an account that is named twice counts once. Unknown names
-/// refuse the call with `ERR_SDK_USER_GET`, all of them in the message, before anything is written.
+/// refuse the call with `ERR_SDK_USER_GET`, the first ten in the message, before anything is
+/// written.
 ///   "list"         {"names", "sort", "direction", "offset", "limit", "above"}, all optional
 ///                  → {"users": […], "total"}; see `ReportUsers` for the members. Without "names":
 ///                  all mail users. "sort" is "name", "limit", "warning", "usage" or "percent",
@@ -16,7 +17,7 @@ namespace quillon::handlers {
 ///                  their limit; "total" counts the users before the page is cut out.
 ///   "set_quota"    {"names", "limit", "warning"} → {"users": [NAME…]}
 ///   "clear_quota"  {"names"} → {"users": [NAME…]}
-///   "names"        {} → {"names": [NAME…]}, all mail users
+///   "names"        {"names"}, optional → {"names": [NAME…]}; without it: all mail users
 ///
 /// "Quillon.MailServer.Usage" version 1:
 ///   "count"        {"names"} → {"counted": [{"name", "usage"}…], "skipped": false}, or nothing

@@ -18,8 +18,8 @@ class Maildir : public BaseMaildir {
  public:
   /// Looks up the directory of the user with this uid. The flag is set only for a real directory,
   /// not a link, that looks like a maildir. Throws `LogException`: with `ERR_SDK_USER_GET_BY_UID`
-  /// when no user has the uid, with `ERR_LSTAT_FILE` when the disk cannot tell. Safe for use from
-  /// several threads.
+  /// when no user has the uid, with `ERR_LSTAT_FILE` when the disk cannot tell: a directory cannot
+  /// be looked into, or there is no maildir root. Safe for use from several threads.
   explicit Maildir(unsigned int uid);
 };
 

@@ -32,7 +32,9 @@ struct Configuration {
   struct Quota {
     /// "sqlite:///ABSOLUTE/PATH" or a "postgresql://" URL.
     std::string store = "sqlite:///var/lib/quillon/quota.db";
-    int busy_timeout = 5;  ///< seconds to wait for a locked database, 1 to 3600
+    /// Seconds to wait for a locked database or for a connection, 1 to 3600. PostgreSQL has 10
+    /// times as long for each statement.
+    int busy_timeout = 5;
   } quota;
 
   struct Usage {
@@ -60,8 +62,8 @@ class VELAMAILSERVER_EXPORT ConfigurationError : public std::runtime_error {
 };
 
 /// Reads a configuration file, which must exist. Throws `ConfigurationError` for a file that cannot
-/// be read, that anybody may write to, or that holds an unknown key, a wrong type or an impossible
-/// value.
+/// be read, that anybody may write to, that is larger than 16 KiB, or that holds an unknown key, a
+/// wrong type or an impossible value.
 Configuration LoadConfiguration(const std::string& path);
 
 /// Makes `configuration` that of this process, for every operation that starts afterwards.

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include <velamailserver/log_exception.h>
+
+#include "accounts/account_entry.h"
+
+namespace quillon::platform {
+
+/// What a lookup of an account says about itself when it fails.
+struct AccountLookup {
+  velamailserver::ErrorCode code;
+  const char* subject;  ///< what is looked up
+  const char* absence;  ///< that there is none
+  const char* source_file;
+  int absent_line;
+  int failed_line;
+};
+
+/// The account that `find` answers for the key. Throws `LogException` when there is none or `find`
+/// throws `std::system_error`.
+template <typename Find, typename Key>
+std::shared_ptr<const velamailserver::velasdk::AccountEntry> ResolveAccount(
+    const AccountLookup& lookup, const Find& find, const Key& key) {
+  using velamailserver::LogException;
+  try {
+    if (auto entry = find(key)) {
+      return entry;
+    }
+  } catch (const std::system_error& error) {
+    throw LogException(lookup.code,
+                       fmt::format("cannot look up {} [{}]: {}", lookup.subject, key, error.what()),
+                       3, lookup.source_file, lookup.failed_line);
+  }
+  throw LogException(lookup.code, fmt::format("{} [{}]", lookup.absence, key), 3,
+                     lookup.source_file, lookup.absent_line);
+}
+
+}  // namespace quillon::platform
