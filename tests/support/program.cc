@@ -26,6 +26,7 @@ namespace {
 // Runs in the child: never returns.
 [[noreturn]] void Execute(const std::vector<std::string>& arguments,
                           const std::vector<std::string>& environment) {
+  std::signal(SIGPIPE, SIG_DFL);  // what is ignored stays so in the program
   for (const std::string& setting : environment) {
     const auto equals = setting.find('=');
     ::setenv(setting.substr(0, equals).c_str(), setting.substr(equals + 1).c_str(), 1);
