@@ -41,11 +41,11 @@ struct Row {
   std::string theirs;
 };
 
-// The middle of what the runs of one program cost, with its unit.
-std::string Median(const std::vector<Cost>& costs, double Cost::*figure) {
+// The middle of what the runs of a program cost, with its unit.
+std::string Median(const Runs& runs, double Cost::*figure) {
   std::vector<double> figures;
-  figures.reserve(costs.size());
-  for (const Cost& cost : costs) {
+  figures.reserve(runs.size());
+  for (const Cost& cost : runs) {
     figures.push_back(cost.*figure);
   }
   const double median = SpreadOf(std::move(figures)).median;
@@ -68,70 +68,73 @@ class Bench {
  private:
   std::string Program(const std::string& name) const { return programs_ + "/" + name; }
 
-  void Add(const std::string& what, double target, const Pair& pair, double Cost::*figure) {
-    rows_.push_back({what, target, Ratio(pair, figure), Median(pair.ours, figure),
-                     Median(pair.theirs, figure)});
-  }
-
-  Pair RunReport(std::size_t users) {
-    fmt::print(stderr, "report of {} users\n", users);
-    const test::TemporaryFolder folder;
-    const std::string world = folder.path();
-    const test::RedisServer redis;
-    MakeHost(world, users, redis.socket());
-    FillStores(world);
-    Pair pair = RunPair({Program("report-by-library"), world},
-                        {Program("report-in-a-straight-line"), world}, sizes_.rounds);
-    if (folder.Read("report-by-library.json") != folder.Read("report-in-a-straight-line.json")) {
-      throw std::runtime_error("the two reports differ");
-    }
-    return pair;
-  }
-
-  void Report() {
-    const Pair many = RunReport(sizes_.users);
-    Add(fmt::format("report of {} users, time", sizes_.users), 2.5, many, &Cost::seconds);
-    Add(fmt::format("report of {} users, whole program", sizes_.users), 2.5, many,
-        &Cost::whole_seconds);
-    Add(fmt::format("report of {} users, peak memory", sizes_.users), 2.0, many, &Cost::peak_mb);
-    AddGrowth(many, RunReport(sizes_.fewer_users));
-  }
-
-  // How the time grows with the number of users; beside it, how the plain program's does.
-  void AddGrowth(const Pair& many, const Pair& fewer) {
-    const Spread ours = Ratio({many.ours, fewer.ours}, &Cost::seconds);
-    const Spread theirs = Ratio({many.theirs, fewer.theirs}, &Cost::seconds);
+  void Add(const std::string& what, double target, const Runs& ours, const Runs& theirs,
+           double Cost::*figure) {
     rows_.push_back(
-        {fmt::format("report of {} users beside {}, time", sizes_.users, sizes_.fewer_users), 12.0,
-         ours, fmt::format("{:.1f}x", ours.median), fmt::format("{:.1f}x", theirs.median)});
+        {what, target, Ratio(ours, theirs, figure), Median(ours, figure), Median(theirs, figure)});
+  }
+
+  // A host of its own for a measurement.
+  struct Host {
+    explicit Host(std::size_t users) { MakeHost(folder.path(), users, redis.socket()); }
+    std::string path() const { return folder.path(); }
+
+    test::TemporaryFolder folder;
+    test::RedisServer redis;
+  };
+
+  // Hosts of two sizes at once, so that a machine whose speed drifts does not tell them apart.
+  void Report() {
+    fmt::print(stderr, "report of {} and of {} users\n", sizes_.users, sizes_.fewer_users);
+    const Host many(sizes_.users);
+    const Host fewer(sizes_.fewer_users);
+    FillStores(many.path());
+    FillStores(fewer.path());
+    const auto runs = RunInTurn({{Program("report-by-library"), many.path()},
+                                 {Program("report-in-a-straight-line"), many.path()},
+                                 {Program("report-by-library"), fewer.path()},
+                                 {Program("report-in-a-straight-line"), fewer.path()}},
+                                sizes_.rounds);
+    for (const Host* host : {&many, &fewer}) {
+      if (host->folder.Read("report-by-library.json") !=
+          host->folder.Read("report-in-a-straight-line.json")) {
+        throw std::runtime_error("the two reports differ");
+      }
+    }
+
+    const std::string what = fmt::format("report of {} users", sizes_.users);
+    Add(what + ", time", 2.5, runs[0], runs[1], &Cost::seconds);
+    Add(what + ", whole program", 2.5, runs[0], runs[1], &Cost::whole_seconds);
+    Add(what + ", peak memory", 2.0, runs[0], runs[1], &Cost::peak_mb);
+    // Ours with many users beside ours with fewer, and beside it how the plain program grows.
+    const Spread growth = Ratio(runs[0], runs[2], &Cost::seconds);
+    rows_.push_back({fmt::format("{} beside {}, time", what, sizes_.fewer_users), 12.0, growth,
+                     fmt::format("{:.1f}x", growth.median),
+                     fmt::format("{:.1f}x", Ratio(runs[1], runs[3], &Cost::seconds).median)});
   }
 
   void SetQuota() {
     fmt::print(stderr, "quota of {} users\n", sizes_.changed_users);
-    const test::TemporaryFolder folder;
-    const std::string world = folder.path();
-    const test::RedisServer redis;
-    MakeHost(world, sizes_.changed_users, redis.socket());
-    FillStores(world);
-    Add(fmt::format("set quota of {} users, time", sizes_.changed_users), 2.0,
-        RunPair({Program("set-by-library"), world}, {Program("set-in-a-straight-line"), world},
-                3 * sizes_.rounds),
+    const Host host(sizes_.changed_users);
+    FillStores(host.path());
+    const auto runs = RunInTurn({{Program("set-by-library"), host.path()},
+                                 {Program("set-in-a-straight-line"), host.path()}},
+                                3 * sizes_.rounds);
+    Add(fmt::format("set quota of {} users, time", sizes_.changed_users), 2.0, runs[0], runs[1],
         &Cost::seconds);
   }
 
   void Count(bool names_carry_sizes, double target) {
+    constexpr std::size_t kMailboxes = 100;
     fmt::print(stderr, "counting {} messages\n", sizes_.messages);
-    const test::TemporaryFolder folder;
-    const std::string world = folder.path();
-    const test::RedisServer redis;
-    MakeHost(world, 100, redis.socket());
-    MakeMail(world, sizes_.messages, names_carry_sizes);
+    const Host host(kMailboxes);
+    MakeMail(host.path(), sizes_.messages, names_carry_sizes);
+    const auto runs = RunInTurn({{Program("count-by-library"), host.path()},
+                                 {"du", "-s", "--apparent-size", host.path() + "/spool"}},
+                                2 * sizes_.rounds);
     Add(fmt::format("count {} messages beside du, sizes {} names", sizes_.messages,
                     names_carry_sizes ? "in the" : "not in the"),
-        target,
-        RunPair({Program("count-by-library"), world},
-                {"du", "-s", "--apparent-size", world + "/spool"}, 2 * sizes_.rounds),
-        &Cost::whole_seconds);
+        target, runs[0], runs[1], &Cost::whole_seconds);
   }
 
   const std::string programs_;

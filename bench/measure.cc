@@ -18,7 +18,7 @@ namespace quillon::bench {
 
 namespace {
 
-Cost RunOnce(const std::vector<std::string>& arguments) {
+Cost RunOnce(const Command& arguments) {
   std::array<int, 2> pipe{};
   if (::pipe2(pipe.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
@@ -66,22 +66,24 @@ Spread SpreadOf(std::vector<double> figures) {
   return {figures.front(), figures[figures.size() / 2], figures.back()};
 }
 
-Pair RunPair(const std::vector<std::string>& ours, const std::vector<std::string>& theirs,
-             int rounds) {
-  RunOnce(ours);
-  RunOnce(theirs);
-  Pair pair;
-  for (int round = 0; round < rounds; ++round) {
-    pair.ours.push_back(RunOnce(ours));
-    pair.theirs.push_back(RunOnce(theirs));
+std::vector<Runs> RunInTurn(const std::vector<Command>& commands, int rounds) {
+  for (const Command& command : commands) {
+    RunOnce(command);
   }
-  return pair;
+  std::vector<Runs> runs(commands.size());
+  for (int round = 0; round < rounds; ++round) {
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+      runs[i].push_back(RunOnce(commands[i]));
+    }
+  }
+  return runs;
 }
 
-Spread Ratio(const Pair& pair, double Cost::*figure) {
+Spread Ratio(const Runs& ours, const Runs& theirs, double Cost::*figure) {
   std::vector<double> ratios;
-  for (std::size_t round = 0; round < pair.ours.size(); ++round) {
-    ratios.push_back(pair.ours[round].*figure / pair.theirs[round].*figure);
+  ratios.reserve(ours.size());
+  for (std::size_t round = 0; round < ours.size(); ++round) {
+    ratios.push_back(ours[round].*figure / theirs[round].*figure);
   }
   return SpreadOf(std::move(ratios));
 }

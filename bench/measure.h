@@ -21,18 +21,17 @@ struct Spread {
 
 Spread SpreadOf(std::vector<double> figures);
 
-/// Two programs run in turn, several times: ours first, then the one it is held against.
-struct Pair {
-  std::vector<Cost> ours;
-  std::vector<Cost> theirs;
-};
+/// A program and its arguments.
+using Command = std::vector<std::string>;
 
-/// Runs both in turn `rounds` times after one round that does not count. Throws when one of them
-/// fails.
-Pair RunPair(const std::vector<std::string>& ours, const std::vector<std::string>& theirs,
-             int rounds);
+/// What the runs of one program cost, one after the other.
+using Runs = std::vector<Cost>;
+
+/// Runs the programs in turn, `rounds` times after one round that does not count, and answers the
+/// runs of each. Throws when one of them fails.
+std::vector<Runs> RunInTurn(const std::vector<Command>& commands, int rounds);
 
 /// The spread of ours/theirs, round by round, of one kind of cost.
-Spread Ratio(const Pair& pair, double Cost::*figure);
+Spread Ratio(const Runs& ours, const Runs& theirs, double Cost::*figure);
 
 }  // namespace quillon::bench

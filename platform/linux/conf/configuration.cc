@@ -28,7 +28,7 @@ constexpr int kUnusableLine = 27;
 
 // The parser recurses for every dot of a key, without a limit of its own: this one keeps a file of
 // nothing but dots within the stack.
-constexpr std::size_t kLargestFile = 16 * 1024;
+constexpr std::size_t kLargestFile = 16384;
 
 std::string Position(const std::string& path, const toml::source_region& source) {
   return fmt::format("{}:{}", path, source.begin.line);
