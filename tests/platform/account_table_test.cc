@@ -105,7 +105,7 @@ TEST(AccountTable, TakesAFileFromAnotherKindOfEditor) {
   EXPECT_EQ(table.entries().size(), 2U);
 }
 
-class BrokenLine : public testing::TestWithParam<const char*> {};
+class BrokenLine : public testing::TestWithParam<std::string> {};
 
 TEST_P(BrokenLine, IsLeftOutAndReported) {
   const AccountTable table(std::string("alice:x:1:1:::\n") + GetParam() + "\nbob:x:2:1:::\n",
@@ -116,11 +116,11 @@ TEST_P(BrokenLine, IsLeftOutAndReported) {
   EXPECT_NE(Find(table, "bob"), nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(AccountTable, BrokenLine,
-                         testing::Values("eve", "eve:x:3",
-                                         "eve:x:3:1::", "eve:x:3:1::::", ":x:3:1:::", "eve:x::1:::",
-                                         "eve:x:-3:1:::", "eve:x:3a:1:::", "eve:x: 3:1:::",
-                                         "eve:x:4294967296:1:::", "<<<<<<< HEAD"));
+INSTANTIATE_TEST_SUITE_P(
+    AccountTable, BrokenLine,
+    testing::Values<std::string>("eve", "eve:x:3", "eve:x:3:1::", "eve:x:3:1::::", ":x:3:1:::",
+                                 "eve:x::1:::", "eve:x:-3:1:::", "eve:x:3a:1:::", "eve:x: 3:1:::",
+                                 "eve:x:4294967296:1:::", "<<<<<<< HEAD"));
 
 }  // namespace
 }  // namespace quillon::platform

@@ -1,4 +1,5 @@
 #include <ostream>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -43,6 +44,27 @@ TEST(ConfigurationFileTest, MustExistWhenItIsNamed) {
       test::Run({QuillonctlPath(), "--config", folder / "none.toml", "user", "list"});
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_THAT(outcome.error, HasSubstr(folder / "none.toml"));
+}
+
+// In a file system of its own, so that the host's file is not touched.
+TEST(ConfigurationFileTest, TheDefaultFileIsReadAndItsFaultsAreReported) {
+  const TemporaryFolder folder;
+  folder.Write("upper/quillon/mailserver.toml", "\nnonsense = 1\n");
+  const std::string etc = "mount -t tmpfs none /mnt && cp -a " + folder / "upper" +
+                          " /mnt/upper"
+                          " && mkdir /mnt/work && mount -t overlay none"
+                          " -o lowerdir=/etc,upperdir=/mnt/upper,workdir=/mnt/work /etc";
+  const auto run = [&](const std::string& command) {
+    return test::Run({"unshare", "--mount", "sh", "-c", etc + " && " + command});
+  };
+  if (run("true").exit_code != 0) {
+    GTEST_SKIP() << "mounting is not allowed here";
+  }
+
+  const Outcome outcome = run("exec " + QuillonctlPath() + " user list");
+
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.error, "quillonctl: /etc/quillon/mailserver.toml:2: nonsense: unknown key\n");
 }
 
 }  // namespace

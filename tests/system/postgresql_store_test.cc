@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -27,6 +29,22 @@ TEST(PostgresqlStoreTest, KeepsTheQuotasWhenTheConfigurationSaysSo) {
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_THAT(outcome.error, HasSubstr("quota store [postgresql://"));
   EXPECT_THAT(outcome.error, Not(HasSubstr("secret")));
+}
+
+// A host without the module, and an environment that would load the library from elsewhere.
+TEST(PostgresqlStoreTest, NeedsItsModuleBesideThePlatformsLibrary) {
+  World world;
+  world.UseStore("postgresql://nobody@127.0.0.1:1/quota");
+  const TemporaryFolder elsewhere;
+  std::filesystem::copy(PlatformLibraryPath(), elsewhere.path());
+
+  const Outcome outcome =
+      world.Quillonctl({"user", "list"}, "", {"LD_LIBRARY_PATH=" + elsewhere.path().string()});
+
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error,
+              HasSubstr("quota.store is in PostgreSQL, whose module cannot be loaded"));
+  EXPECT_THAT(outcome.error, HasSubstr(elsewhere / "libquillon-quota-postgresql.so"));
 }
 
 }  // namespace

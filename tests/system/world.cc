@@ -96,6 +96,8 @@ Json::Value World::QuillonctlJson(std::vector<std::string> arguments) const {
 
 std::string QuillonctlPath() { return QUILLONCTL; }
 
+std::string PlatformLibraryPath() { return PLATFORM_LIBRARY; }
+
 std::vector<std::string> Column(const Json::Value& report, const char* member) {
   std::vector<std::string> values;
   for (const Json::Value& user : report["users"]) {

@@ -50,6 +50,8 @@ class World {
 
 /// The path of quillonctl.
 std::string QuillonctlPath();
+/// The path of the platform's library, by the name that programs load it by.
+std::string PlatformLibraryPath();
 
 /// The values of one member of all users in a report, as text.
 std::vector<std::string> Column(const Json::Value& report, const char* member);

@@ -19,3 +19,6 @@ inline constexpr char kPostgresqlModule[] = "libquillon-quota-postgresql.so";
 using MakePostgresqlDialectFunction = QuotaDialect*(const std::string& url, int busy_timeout);
 
 }  // namespace quillon::platform
+
+// The module's definition is held against this; nobody else refers to it by name.
+extern "C" quillon::platform::MakePostgresqlDialectFunction MakePostgresqlDialect;
