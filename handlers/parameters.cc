@@ -23,6 +23,15 @@ bool IsWholeNumber(const Json::Value& value) {
   return value.type() == Json::intValue || value.type() == Json::uintValue;
 }
 
+// It would cut the text off in the C interfaces and messages behind.
+std::string WithoutNul(const char* name, const Json::Value& value) {
+  std::string text = value.asString();
+  if (text.find('\0') != std::string::npos) {
+    Refuse(name, "without NUL characters");
+  }
+  return text;
+}
+
 }  // namespace
 
 Parameters::Parameters(const Json::Value& params, std::initializer_list<std::string_view> known)
@@ -39,6 +48,14 @@ Parameters::Parameters(const Json::Value& params, std::initializer_list<std::str
 
 bool Parameters::Has(const char* name) const { return params_.isMember(name); }
 
+std::string Parameters::Text(const char* name) const {
+  const Json::Value& value = Required(name);
+  if (!value.isString()) {
+    Refuse(name, "a string");
+  }
+  return WithoutNul(name, value);
+}
+
 std::vector<std::string> Parameters::Texts(const char* name) const {
   const Json::Value& value = Required(name);
   if (!value.isArray()) {
@@ -50,11 +67,7 @@ std::vector<std::string> Parameters::Texts(const char* name) const {
     if (!text.isString()) {
       Refuse(name, "an array of strings");
     }
-    texts.push_back(text.asString());
-    // It would cut the text off in the C interfaces and messages behind.
-    if (texts.back().find('\0') != std::string::npos) {
-      Refuse(name, "without NUL characters");
-    }
+    texts.push_back(WithoutNul(name, text));
   }
   return texts;
 }
@@ -93,6 +106,31 @@ double Parameters::Number(const char* name) const {
     Refuse(name, "a number");
   }
   return value.asDouble();
+}
+
+bool Parameters::Flag(const char* name) const {
+  const Json::Value& value = Required(name);
+  if (!value.isBool()) {
+    Refuse(name, "true or false");
+  }
+  return value.asBool();
+}
+
+std::vector<std::uint32_t> Parameters::Ids(const char* name) const {
+  const Json::Value& value = Required(name);
+  constexpr char kExpectation[] = "an array of whole numbers from 0 to 4294967295";
+  if (!value.isArray()) {
+    Refuse(name, kExpectation);
+  }
+  std::vector<std::uint32_t> ids;
+  ids.reserve(value.size());
+  for (const Json::Value& id : value) {
+    if (!IsWholeNumber(id) || !id.isUInt()) {
+      Refuse(name, kExpectation);
+    }
+    ids.push_back(id.asUInt());
+  }
+  return ids;
 }
 
 const Json::Value& Parameters::Required(const char* name) const {

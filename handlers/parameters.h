@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -19,6 +20,7 @@ class Parameters {
   bool Has(const char* name) const;
 
   // Each refuses a parameter that is missing.
+  std::string Text(const char* name) const;
   std::vector<std::string> Texts(const char* name) const;
   /// A text that is one of `choices`.
   std::string Choice(const char* name, std::initializer_list<std::string_view> choices) const;
@@ -27,6 +29,9 @@ class Parameters {
   long long Signed(const char* name) const;
   /// Any finite number.
   double Number(const char* name) const;
+  bool Flag(const char* name) const;
+  /// The numbers of users or groups.
+  std::vector<std::uint32_t> Ids(const char* name) const;
 
  private:
   const Json::Value& Required(const char* name) const;

@@ -1,5 +1,6 @@
 #include <quillon/handlers/register.h>
 
+#include "no_owner_api.h"
 #include "usage_api.h"
 #include "user_api.h"
 
@@ -8,6 +9,7 @@ namespace quillon::handlers {
 void RegisterAll() {
   RegisterUserAPI();
   RegisterUsageAPI();
+  RegisterNoOwnerAPI();
 }
 
 }  // namespace quillon::handlers

@@ -14,6 +14,7 @@
 
 #include "api_call.h"
 #include "command.h"
+#include "no_owner_commands.h"
 #include "output.h"
 #include "usage_commands.h"
 #include "user_commands.h"
@@ -75,6 +76,7 @@ int Execute(int argc, char** argv) {
   app.footer("Example: quillonctl user list --above 80");
   AddUserCommands(app, command);
   AddUsageCommands(app, command);
+  AddNoOwnerCommands(app, command);
   try {
     RefuseBrackets(argc, argv);
     app.parse(argc, argv);

@@ -73,11 +73,11 @@ std::string FormatSize(unsigned long long bytes) {
                                       : fmt::format("{:.1f}{}", amount, letter);
 }
 
-unsigned long long TotalUsage(const Json::Value& users) {
+unsigned long long TotalUsage(const Json::Value& entries) {
   constexpr auto kLargest = std::numeric_limits<unsigned long long>::max();
   unsigned long long total = 0;
-  for (const Json::Value& user : users) {
-    total += std::min<unsigned long long>(user["usage"].asUInt64(), kLargest - total);
+  for (const Json::Value& entry : entries) {
+    total += std::min<unsigned long long>(entry["usage"].asUInt64(), kLargest - total);
   }
   return total;
 }

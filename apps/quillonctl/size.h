@@ -13,5 +13,6 @@ unsigned long long ParseSize(const std::string& text);
 /// the largest unit that it reaches.
 std::string FormatSize(unsigned long long bytes);
 
-/// The "usage" of all users together, or the largest number when it has no room for them.
-unsigned long long TotalUsage(const Json::Value& users);
+/// The "usage" of all entries of a list together, or the largest number when it has no room for
+/// them. One that is null counts as 0.
+unsigned long long TotalUsage(const Json::Value& entries);

@@ -1,10 +1,7 @@
 #include "usage_commands.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,6 +13,7 @@
 #include "api_call.h"
 #include "names.h"
 #include "output.h"
+#include "progress.h"
 #include "size.h"
 
 namespace {
@@ -26,30 +24,6 @@ constexpr std::size_t kNamesPerCall = 50;
 struct CountOptions {
   std::vector<std::string> names;
   bool as_json = false;
-};
-
-// A line on standard error, when that is a terminal, which is gone at the end of the object's life.
-class Progress {
- public:
-  explicit Progress(std::size_t total) : total_(total) {}
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-  ~Progress() { Show(""); }
-
-  void Report(std::size_t done) {
-    Show(fmt::format("counting: {} of {}", done, CountOfUsers(total_)));
-  }
-
- private:
-  void Show(const std::string& text) const {
-    constexpr char kEraseToEndOfLine[] = "\x1b[K";
-    if (is_terminal_) {
-      static_cast<void>(std::fputs(("\r" + text + kEraseToEndOfLine).c_str(), stderr));
-    }
-  }
-
-  const std::size_t total_;
-  const bool is_terminal_ = ::isatty(STDERR_FILENO) == 1;
 };
 
 // The accounts to count, each once however it was named; all of them without names. The calls that
@@ -67,9 +41,9 @@ Json::Value Count(const Json::Value& names) {
   Json::Value answer;
   answer["counted"] = Json::Value(Json::arrayValue);
   answer["skipped"] = false;
-  Progress progress(names.size());
+  const Progress progress;
   for (Json::ArrayIndex begin = 0; begin < names.size() && !answer["skipped"].asBool();) {
-    progress.Report(begin);
+    progress.Show(fmt::format("counting: {} of {}", begin, CountOfUsers(names.size())));
     const auto end =
         static_cast<Json::ArrayIndex>(std::min<std::size_t>(begin + kNamesPerCall, names.size()));
     Json::Value params;

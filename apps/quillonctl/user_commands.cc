@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
-#include <limits>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +18,7 @@
 #include "api_call.h"
 #include "names.h"
 #include "number.h"
+#include "options.h"
 #include "output.h"
 #include "size.h"
 #include "table.h"
@@ -33,8 +32,7 @@ struct ListOptions {
   std::string sort = "name";
   bool is_reversed = false;
   std::optional<double> above;
-  std::optional<unsigned long long> offset;
-  std::optional<unsigned long long> limit;
+  Page page;
   bool in_bytes = false;
   bool as_json = false;
 };
@@ -49,12 +47,7 @@ Json::Value ListParams(const ListOptions& options) {
   if (options.above) {
     params["above"] = *options.above;
   }
-  if (options.offset) {
-    params["offset"] = Json::UInt64{*options.offset};
-  }
-  if (options.limit) {
-    params["limit"] = Json::UInt64{*options.limit};
-  }
+  SetPage(options.page, params);
   return params;
 }
 
@@ -132,31 +125,6 @@ int ListUsers(const ListOptions& options) {
   return kDone;
 }
 
-// An option that `parse` reads; CLI11 itself takes an empty number for none, a leading 0 for octal
-// and a number that is too large for the largest. What is wrong with the text is the message of the
-// `std::invalid_argument` that `parse` throws.
-template <typename Value, typename Parse>
-CLI::Option* AddParsed(CLI::App& command, const std::string& name, Value& value, Parse parse,
-                       const std::string& description) {
-  const auto store = [name, &value, parse](const std::string& text) {
-    try {
-      value = parse(text);
-    } catch (const std::invalid_argument& error) {
-      throw CLI::ValidationError(name, error.what());
-    }
-  };
-  return command.add_option_function<std::string>(name, store, description);
-}
-
-unsigned long long ParseOffset(const std::string& text) {
-  return ParseWholeNumber(text, std::numeric_limits<Json::UInt64>::max());
-}
-
-// The API's limit is a signed number.
-unsigned long long ParsePageLimit(const std::string& text) {
-  return ParseWholeNumber(text, std::numeric_limits<Json::Int64>::max());
-}
-
 void AddList(CLI::App& user, Command& command) {
   const auto options = std::make_shared<ListOptions>();
   CLI::App* list =
@@ -169,10 +137,7 @@ void AddList(CLI::App& user, Command& command) {
   AddParsed(*list, "--above", options->above, ParseNumber,
             "only users who use at least this percentage of their limit")
       ->type_name("PERCENT");
-  AddParsed(*list, "--offset", options->offset, ParseOffset, "leave out the first N users")
-      ->type_name("N");
-  AddParsed(*list, "--limit", options->limit, ParsePageLimit, "show at most N users")
-      ->type_name("N");
+  AddPage(*list, options->page, "users");
   list->add_flag("--bytes", options->in_bytes, "show exact sizes");
   list->add_flag("--json", options->as_json, "print JSON");
   list->footer("Example: quillonctl user list --above 80 --sort percent --reverse");

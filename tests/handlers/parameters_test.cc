@@ -40,6 +40,8 @@ TEST_P(ParametersTest, AreRefused) {
 
 constexpr char kUser[] = "Quillon.MailServer.User";
 constexpr char kUsage[] = "Quillon.MailServer.Usage";
+constexpr char kNoOwner[] = "Quillon.MailServer.NoOwner";
+constexpr char kIds[] = "parameter [uids] must be an array of whole numbers from 0 to 4294967295";
 constexpr char kUnsigned[] =
     "parameter [limit] must be a whole number from 0 to 18446744073709551615";
 
@@ -103,6 +105,40 @@ INSTANTIATE_TEST_SUITE_P(
         BadCall{kUsage, "count", R"({"names": {}})",
                 "parameter [names] must be an array of strings"},
         BadCall{kUsage, "count", R"({"names": ["a"], "wait": true})", "unknown parameter [wait]"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    NoOwner, ParametersTest,
+    testing::Values(
+        BadCall{kNoOwner, "list", R"({"offset": -1})",
+                "parameter [offset] must be a whole number from 0 to 18446744073709551615"},
+        BadCall{kNoOwner, "list", R"({"limit": "all"})",
+                "parameter [limit] must be a whole number from -9223372036854775808 to "
+                "9223372036854775807"},
+        BadCall{kNoOwner, "list", R"({"keyword": 5})", "parameter [keyword] must be a string"},
+        BadCall{kNoOwner, "list", R"({"keyword": "a\u0000"})",
+                "parameter [keyword] must be without NUL characters"},
+        BadCall{kNoOwner, "list", R"({"sort_by": "uid"})",
+                "parameter [sort_by] must be one of name, usage"},
+        BadCall{kNoOwner, "list", R"({"sort_direction": "desc"})",
+                "parameter [sort_direction] must be one of ASC, DESC"},
+        BadCall{kNoOwner, "list", R"({"uids": [1]})", "unknown parameter [uids]"},
+        BadCall{kNoOwner, "refresh", R"({"wait": true})", "unknown parameter [wait]"},
+        BadCall{kNoOwner, "status", R"({"wait": true})", "unknown parameter [wait]"},
+        BadCall{kNoOwner, "remove", "{}", "parameter [uids] is missing"},
+        BadCall{kNoOwner, "remove", R"({"uids": []})",
+                "parameter [uids] must hold at least one uid"},
+        BadCall{kNoOwner, "remove", R"({"uids": 3000001})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": ["3000001"]})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": [3000001, null]})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": [-1]})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": [1.0]})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": [4294967296]})", kIds},
+        BadCall{kNoOwner, "remove", R"({"uids": [1], "dry_run": "yes"})",
+                "parameter [dry_run] must be true or false"},
+        BadCall{kNoOwner, "remove", R"({"uids": [1], "dry_run": 1})",
+                "parameter [dry_run] must be true or false"},
+        BadCall{kNoOwner, "remove", R"({"uids": [1], "dryrun": true})",
+                "unknown parameter [dryrun]"}));
 
 }  // namespace
 }  // namespace quillon::handlers

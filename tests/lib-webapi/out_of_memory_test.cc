@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <new>
 #include <string>
 #include <utility>
@@ -7,25 +6,8 @@
 
 #include <velamailserver/log_exception.h>
 
+#include "lib-webapi/allocations.h"
 #include "recording_platform/world_test.h"
-
-namespace {
-
-bool memory_is_exhausted = false;
-
-}  // namespace
-
-// This program's own, and so the library's, too.
-void* operator new(std::size_t size) {
-  void* const memory = memory_is_exhausted ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
 
 namespace velamailserver {
 namespace {
@@ -37,13 +19,12 @@ TEST_F(OutOfMemoryTest, EndsTheConstructionOfALogExceptionBeforeItLogs) {
   std::string file(1000, 'f');
   bool is_out_of_memory = false;
 
-  memory_is_exhausted = true;
   try {
+    const quillon::test::ExhaustedMemory memory;
     const LogException exception(ERR_INTERNAL, detail, 3, std::move(file), 7);
   } catch (const std::bad_alloc&) {
     is_out_of_memory = true;
   }
-  memory_is_exhausted = false;
 
   EXPECT_TRUE(is_out_of_memory);
   EXPECT_THAT(world_.transcript, testing::IsEmpty());

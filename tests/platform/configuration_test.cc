@@ -46,6 +46,7 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.accounts.min_uid, 1000U);
   EXPECT_EQ(configuration.accounts.max_uid, 59999U);
   EXPECT_EQ(configuration.maildir.domain, "local");
+  EXPECT_EQ(configuration.maildir.usage_cache, "/var/lib/quillon/no-owner-usage.db");
   EXPECT_EQ(configuration.quota.store, "sqlite:///var/lib/quillon/quota.db");
   EXPECT_EQ(configuration.usage.key_template, "{name}/quota/storage");
   EXPECT_EQ(configuration.log.target, "syslog");
@@ -61,6 +62,7 @@ max_uid = 4294967294
 [maildir]
 root = "/a/spool"
 domain = "example.org"
+usage_cache = "/a/cache.db"
 [quota]
 store = "postgresql://quota@db/quota"
 busy_timeout = 3600
@@ -84,6 +86,7 @@ file = "/a/log"
   EXPECT_EQ(configuration.accounts.max_uid, 4294967294U);
   EXPECT_EQ(configuration.maildir.root, "/a/spool");
   EXPECT_EQ(configuration.maildir.domain, "example.org");
+  EXPECT_EQ(configuration.maildir.usage_cache, "/a/cache.db");
   EXPECT_EQ(configuration.quota.store, "postgresql://quota@db/quota");
   EXPECT_EQ(configuration.quota.busy_timeout, 3600);
   EXPECT_EQ(configuration.usage.host, "::1");
@@ -150,6 +153,8 @@ INSTANTIATE_TEST_SUITE_P(
         ImpossibleValue{"maildir", "domain = ''", kNoFolder},
         ImpossibleValue{"maildir", "domain = '..'", kNoFolder},
         ImpossibleValue{"maildir", "domain = 'a/b'", kNoFolder},
+        ImpossibleValue{"maildir", "usage_cache = 'cache.db'", kNoPath},
+        ImpossibleValue{"maildir", "usage_cache = ''", kNoPath},
         ImpossibleValue{"quota", "store = 'sqlite://relative'", kNoStore},
         ImpossibleValue{"quota", "store = 'sqlite:///'", kNoStore},
         ImpossibleValue{"quota", "store = 'mysql://host'", kNoStore},

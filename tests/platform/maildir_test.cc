@@ -74,6 +74,8 @@ TEST_F(MaildirLookup, FindsADirectory) {
   EXPECT_EQ(alice.uid, 2001U);
   EXPECT_EQ(alice.path, alice_);
   EXPECT_TRUE(alice.flag);
+  EXPECT_EQ(alice.account, "alice");
+  EXPECT_EQ(Maildir(2002).account, "Bob Smith");
   EXPECT_EQ(Maildir(2002).path, domain_ + "/Bob Smith");
   EXPECT_TRUE(Maildir(2002).flag);
 }
@@ -85,7 +87,7 @@ TEST_F(MaildirLookup, FindsADirectoryWhoseRootIsReachedThroughALink) {
   UseConfiguration(configuration_);
 
   EXPECT_TRUE(Maildir(2001).flag);
-  EXPECT_EQ(Maildir(2001).path, folder_ / "link/example.org/alice");
+  EXPECT_EQ(Maildir(2001).path, alice_);
 }
 
 TEST_F(MaildirLookup, FindsNothingWhereNothingIs) {
@@ -95,6 +97,7 @@ TEST_F(MaildirLookup, FindsNothingWhereNothingIs) {
     EXPECT_FALSE(alice.flag);
     EXPECT_EQ(alice.uid, 2001U);
     EXPECT_EQ(alice.path, alice_);
+    EXPECT_EQ(alice.account, "alice");
   }
 }
 

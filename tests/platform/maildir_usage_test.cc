@@ -1,5 +1,4 @@
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -20,22 +18,8 @@
 
 #include "maildir/message_usage.h"
 #include "support/as_nobody.h"
+#include "support/directory_entries.h"
 #include "support/temporary_folder.h"
-
-namespace {
-
-// What happens to every directory entry before the platform sees it; may set errno and answer
-// false, which is then what reading the directory fails with.
-std::function<bool(dirent64&)> on_entry;
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) dirent64* readdir64(DIR* directory) {
-  using Readdir = dirent64* (*)(DIR*);
-  static const auto real = reinterpret_cast<Readdir>(::dlsym(RTLD_NEXT, "readdir64"));
-  dirent64* const entry = real(directory);
-  return entry == nullptr || !on_entry || on_entry(*entry) ? entry : nullptr;
-}
 
 namespace quillon::platform {
 namespace {
@@ -71,7 +55,7 @@ class MaildirUsage : public testing::Test {
     UseConfiguration(configuration);
     MakeFolder("");
   }
-  ~MaildirUsage() override { on_entry = nullptr; }
+  ~MaildirUsage() override { test::on_directory_entry = nullptr; }
 
   // A mail folder with its three directories.
   void MakeFolder(const std::string& relative) const {
@@ -148,7 +132,7 @@ TEST_F(MaildirUsage, LeavesOutWhatIsNoMessage) {
   ASSERT_EQ(::mkfifo((folder_ / "maildir/cur/fifo").c_str(), 0600), 0);
   EXPECT_EQ(Count(), 0U);
 
-  on_entry = [](dirent64& entry) {
+  test::on_directory_entry = [](dirent64& entry) {
     entry.d_type = DT_UNKNOWN;
     return true;
   };
@@ -161,7 +145,7 @@ TEST_F(MaildirUsage, IsTheSameWhereTheFileSystemTellsNoTypes) {
   Message("cur/2.host,S=20:2,S", 2);
   Message(".Sent/new/3.host", 300);
   Message("index", 4000);
-  on_entry = [](dirent64& entry) {
+  test::on_directory_entry = [](dirent64& entry) {
     entry.d_type = DT_UNKNOWN;
     return true;
   };
@@ -178,7 +162,7 @@ TEST_F(MaildirUsage, FollowsNoLinkToADirectory) {
 
   // Nor to one that takes a directory's place after it was seen.
   MakeFolder(".Sent");
-  on_entry = [this](dirent64& entry) {
+  test::on_directory_entry = [this](dirent64& entry) {
     if (std::string(entry.d_name) == ".Sent") {
       fs::remove_all(folder_ / "maildir/.Sent");
       fs::create_directory_symlink(folder_ / "elsewhere", folder_ / "maildir/.Sent");
@@ -194,7 +178,7 @@ TEST_F(MaildirUsage, LeavesOutWhatVanishesMeanwhile) {
   Message("cur/1.host", 1);
   const std::string vanishing = Message("cur/2.host", 20);
   Message(".Sent/cur/1.host", 300);
-  on_entry = [&](dirent64& entry) {
+  test::on_directory_entry = [&](dirent64& entry) {
     if (std::string(entry.d_name) == "2.host") {
       fs::remove(vanishing);
     }
@@ -241,7 +225,7 @@ TEST_F(MaildirUsage, IsUnknownWhenADirectoryCannotBeRead) {
 
 TEST_F(MaildirUsage, IsUnknownWhenReadingADirectoryFails) {
   Message("cur/1.host", 1);
-  on_entry = [](dirent64& entry) {
+  test::on_directory_entry = [](dirent64& entry) {
     errno = EIO;
     return std::string(entry.d_name) != "1.host";
   };

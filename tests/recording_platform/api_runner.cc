@@ -1,23 +1,14 @@
 #include <fmt/format.h>
-#include <json/writer.h>
 
 #include <vela/api_runner.h>
 
 #include "recording_platform/world.h"
+#include "support/typed_json.h"
 
 namespace VELA {
 
+using quillon::test::Compact;
 using recording::TheWorld;
-
-namespace {
-
-std::string Text(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
-}  // namespace
 
 void APIRunner::Register(const std::string& api, int version, const std::string& method,
                          Handler /*handler*/) {  // NOLINT(performance-unnecessary-value-param)
@@ -26,8 +17,8 @@ void APIRunner::Register(const std::string& api, int version, const std::string&
 
 void APIRunner::Exec(Json::Value& response, const char* api, int version, const char* method,
                      const Json::Value& params, const char* user) {
-  TheWorld().Call(fmt::format("Exec({}, \"{}\", {}, \"{}\", {}, \"{}\")", Text(response), api,
-                              version, method, Text(params), user));
+  TheWorld().Call(fmt::format("Exec({}, \"{}\", {}, \"{}\", {}, \"{}\")", Compact(response), api,
+                              version, method, Compact(params), user));
   response = TheWorld().api_response;
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <velamailserver/account/maildir.h>
+#include <velamailserver/account/no_owner_maildir.h>
 #include <velamailserver/conf/smtp_ext.h>
 #include <velamailserver/log_exception.h>
 
@@ -32,9 +33,31 @@ BaseMaildir Find(unsigned int uid) {
 
 }  // namespace
 
+bool BaseMaildir::Delete() const {
+  TheWorld().Call(fmt::format("Delete({})", path));
+  return TheWorld().delete_maildir;
+}
+
 Maildir::Maildir(unsigned int owner) {
   TheWorld().Call(fmt::format("Maildir(uid={})", owner));
   static_cast<BaseMaildir&>(*this) = Find(owner);
+}
+
+NoOwnerMaildir::NoOwnerMaildir(const std::string& directory) {
+  TheWorld().Call(fmt::format("NoOwnerMaildir({})", directory));
+  path = directory;
+  if (const auto found = TheWorld().ownerless.find(path); found != TheWorld().ownerless.end()) {
+    uid = found->second.uid;
+    flag = found->second.flag;
+    usage = found->second.usage;
+    name = found->second.name;
+  }
+}
+
+// The record learns the figure, which tells what was read before a recount from what was after.
+void NoOwnerMaildir::RefreshCache() {
+  TheWorld().Call(fmt::format("RefreshCache({})", path));
+  usage = TheWorld().ownerless.at(path).usage;
 }
 
 }  // namespace account

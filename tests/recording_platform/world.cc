@@ -14,6 +14,11 @@ void World::AddGroup(const std::string& name, unsigned int gid) {
   groups.push_back({name, gid, name});
 }
 
+void World::AddOwnerless(const std::string& path, const OwnerlessMaildir& maildir) {
+  command_output.push_back(path + "\n");
+  ownerless[path] = maildir;
+}
+
 void World::FailCall(int number, Failure failure) {
   failures_by_number_[number] = std::move(failure);
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <unordered_map>
@@ -32,6 +33,14 @@ struct LogRecord {
 
 std::ostream& operator<<(std::ostream& stream, const LogRecord& record);
 
+/// What the account library finds at a path.
+struct OwnerlessMaildir {
+  unsigned int uid = 0;
+  std::optional<unsigned long long> usage;
+  std::optional<std::string> name;
+  bool flag = true;
+};
+
 /// Values of the quota store as it answers them: uid or gid, decimal text.
 using StoredValues = std::vector<std::pair<std::uint32_t, std::string>>;
 
@@ -54,6 +63,8 @@ class World {
   void AddUser(const std::string& name, unsigned int uid, const std::string& real_name);
   void AddUser(const std::string& name, unsigned int uid) { AddUser(name, uid, name); }
   void AddGroup(const std::string& name, unsigned int gid);
+  /// A directory without an owner, of which the command prints the path.
+  void AddOwnerless(const std::string& path, const OwnerlessMaildir& maildir);
 
   std::vector<Account> users;  ///< found by name in any letter case, and by uid
   std::vector<Account> groups;
@@ -66,6 +77,12 @@ class World {
   Json::Value api_response;  ///< what every API answers
   std::string maildir_path = "/maildir";
   std::vector<velamailserver::account::BaseMaildir> maildirs;  ///< found by uid
+  /// Found by path; a path that is not in here gets no flag.
+  std::unordered_map<std::string, OwnerlessMaildir> ownerless;
+  bool delete_maildir = true;               ///< what Delete answers
+  bool can_start_commands = true;           ///< whether a Popen gets its stream
+  std::vector<std::string> command_output;  ///< what every command prints, as GetLine answers it
+  std::function<int()> fork = [] { return 4711; };  ///< what forking a child answers
 
   /// The call of this number throws instead of answering. Calls are counted from 1; those that
   /// cannot fail (maillog, destructors) are not counted.

@@ -148,22 +148,29 @@ bool BackgroundProgram::IsRunning() {
   return pid_ > 0;
 }
 
-void BackgroundProgram::Freeze() const { ::kill(pid_, SIGSTOP); }
+void BackgroundProgram::Freeze() const { Signal(SIGSTOP); }
 
-void BackgroundProgram::Thaw() const { ::kill(pid_, SIGCONT); }
+void BackgroundProgram::Thaw() const { Signal(SIGCONT); }
+
+// Without a program the number would mean every process there is.
+void BackgroundProgram::Signal(int number) const {
+  if (pid_ > 0) {
+    ::kill(pid_, number);
+  }
+}
 
 void BackgroundProgram::Stop() {
   if (!IsRunning()) {
     return;
   }
   Thaw();
-  ::kill(pid_, SIGTERM);
+  Signal(SIGTERM);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (IsRunning() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   if (IsRunning()) {
-    ::kill(pid_, SIGKILL);
+    Signal(SIGKILL);
     Wait(pid_);
     pid_ = -1;
   }

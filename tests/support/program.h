@@ -38,6 +38,8 @@ class BackgroundProgram {
   void Stop();
 
  private:
+  void Signal(int number) const;
+
   pid_t pid_;
 };
 

@@ -48,7 +48,20 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"user", "set-quota", "--limit", "", "--warning", "1K", "alice"},
         std::vector<std::string>{"user", "clear-quota"},
         std::vector<std::string>{"user", "clear-quota", "-"},
-        std::vector<std::string>{"usage", "count", "-"}));
+        std::vector<std::string>{"usage", "count", "-"}, std::vector<std::string>{"no-owner"},
+        std::vector<std::string>{"no-owner", "list", "dora"},
+        std::vector<std::string>{"no-owner", "list", "--sort", "uid"},
+        std::vector<std::string>{"no-owner", "list", "--offset", "-1"},
+        std::vector<std::string>{"no-owner", "list", "--limit", "9223372036854775808"},
+        std::vector<std::string>{"no-owner", "refresh", "3000001"},
+        std::vector<std::string>{"no-owner", "remove", "--yes"},
+        std::vector<std::string>{"no-owner", "remove", "--yes", "-"},
+        std::vector<std::string>{"no-owner", "remove", "--yes", ""},
+        std::vector<std::string>{"no-owner", "remove", "--yes", "dora"},
+        std::vector<std::string>{"no-owner", "remove", "--yes", "0x5"},
+        std::vector<std::string>{"no-owner", "remove", "--yes", "--", "-1"},
+        std::vector<std::string>{"no-owner", "remove", "--yes", "4294967296"},
+        std::vector<std::string>{"no-owner", "remove", "3000001"}));
 
 class HelpTest : public testing::TestWithParam<std::vector<std::string>> {};
 
@@ -69,7 +82,11 @@ INSTANTIATE_TEST_SUITE_P(Commands, HelpTest,
                                          std::vector<std::string>{"user", "set-quota"},
                                          std::vector<std::string>{"user", "clear-quota"},
                                          std::vector<std::string>{"usage"},
-                                         std::vector<std::string>{"usage", "count"}));
+                                         std::vector<std::string>{"usage", "count"},
+                                         std::vector<std::string>{"no-owner"},
+                                         std::vector<std::string>{"no-owner", "list"},
+                                         std::vector<std::string>{"no-owner", "refresh"},
+                                         std::vector<std::string>{"no-owner", "remove"}));
 
 TEST(CommandLineTest, TellsItsVersion) {
   const Outcome outcome = test::Run({QuillonctlPath(), "--version"});

@@ -29,7 +29,7 @@ namespace {
 }  // namespace
 
 Outcome RunOnTerminal(const std::vector<std::string>& arguments,
-                      const std::vector<std::string>& environment) {
+                      const std::vector<std::string>& environment, const std::string& typed) {
   winsize size{};
   size.ws_row = 24;
   size.ws_col = 80;
@@ -40,6 +40,9 @@ Outcome RunOnTerminal(const std::vector<std::string>& arguments,
   }
   if (pid == 0) {
     Execute(arguments, environment);
+  }
+  if (::write(terminal, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size())) {
+    throw std::system_error(errno, std::generic_category(), "write to a terminal");
   }
   Outcome outcome{};
   std::array<char, 4096> chunk{};

@@ -1,7 +1,12 @@
 #include "system/world.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <json/reader.h>
@@ -26,6 +31,7 @@ passwd_file = "{0}/passwd"
 group_file = "{0}/group"
 [maildir]
 root = "{0}/spool"
+usage_cache = "{0}/usage-cache.db"
 [quota]
 store = "{2}"
 busy_timeout = 1
@@ -62,6 +68,22 @@ void World::Deliver(const std::string& account, const std::string& folder, std::
   }
   folder_.Write(fmt::format("{}{}/{}.M1P1.host", maildir, folder, ++messages_),
                 std::string(size, 'x'));
+}
+
+std::string World::Maildir(const std::string& account) const {
+  return folder_ / ("spool/local/" + account);
+}
+
+void World::Give(const std::string& account, unsigned int uid) const {
+  const auto give = [uid](const std::filesystem::path& path) {
+    if (::lchown(path.c_str(), uid, static_cast<gid_t>(-1)) != 0) {
+      throw std::system_error(errno, std::generic_category(), path);
+    }
+  };
+  give(Maildir(account));
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(Maildir(account))) {
+    give(entry.path());
+  }
 }
 
 std::vector<std::string> World::CommandLine(const std::vector<std::string>& arguments) const {

@@ -13,8 +13,8 @@
 namespace quillon::test {
 
 /// A mail server's host in a throw-away folder: accounts, mail directories, quota store (SQLite),
-/// usage store (Redis), log, and the configuration file that says where they are. It is also the
-/// configuration of this process. Everything gives up after a second.
+/// usage store (Redis), usage cache, log, and the configuration file that says where they are. It
+/// is also the configuration of this process. Everything gives up after a second.
 class World {
  public:
   /// The accounts alice, bob and carol, with the uids 1001 to 1003.
@@ -33,6 +33,10 @@ class World {
   void SetWarning(const std::string& name, unsigned long long bytes) const;
   /// Puts a message of `size` bytes into a folder of the account's mail directory.
   void Deliver(const std::string& account, const std::string& folder, std::size_t size);
+  /// The account's mail directory, which need not exist.
+  std::string Maildir(const std::string& account) const;
+  /// Makes a uid the owner of the account's mail directory and of all that is in it now.
+  void Give(const std::string& account, unsigned int uid) const;
 
   /// quillonctl with this host's configuration, ready to be run.
   std::vector<std::string> CommandLine(const std::vector<std::string>& arguments) const;

@@ -13,10 +13,14 @@
 #include <system_error>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include <quillon/platform/configuration.h>
 #include <velamailserver/maillog.h>
 
+#include "accounts/account_lines.h"
 #include "accounts/account_table.h"
+#include "utils/file_state.h"
 #include "utils/file_text.h"
 
 namespace quillon::platform {
@@ -30,28 +34,6 @@ using SharedTable = std::shared_ptr<const AccountTable>;
 constexpr char kSourceFile[] = "platform/linux/accounts/account_database";
 constexpr int kBrokenLineLine = 41;
 
-constexpr char kHostPasswdFile[] = "/etc/passwd";
-
-// Millions of accounts; what is larger is something else, and would not fit into the memory.
-constexpr std::size_t kLargestFile = 256U << 20U;  // bytes
-
-// What tells one state of a file from another without reading it.
-struct FileState {
-  explicit FileState(const struct stat& status)
-      : device(status.st_dev),
-        inode(status.st_ino),
-        size(status.st_size),
-        modified{status.st_mtim.tv_sec, status.st_mtim.tv_nsec},
-        changed{status.st_ctim.tv_sec, status.st_ctim.tv_nsec} {}
-  bool operator==(const FileState&) const = default;
-
-  dev_t device;
-  ino_t inode;
-  off_t size;
-  std::pair<time_t, long> modified;
-  std::pair<time_t, long> changed;
-};
-
 // A file of accounts that is read again when it has changed. Looking whether it has costs as much
 // as everything else in a lookup, so that is done at most every 50 ms, and whenever a lookup finds
 // nothing.
@@ -59,12 +41,13 @@ class AccountFile {
  public:
   enum Freshness { kRecent, kNow };
 
-  AccountFile(std::string Configuration::Accounts::*path, AccountTable::Format format)
-      : path_of_(path), format_(format) {}
+  using Path = const std::string& (*)(const Configuration::Accounts& settings);
+
+  AccountFile(Path path_of, AccountLines::Format format) : path_of_(path_of), format_(format) {}
 
   SharedTable Table(Freshness freshness) {
     const auto configuration = CurrentConfiguration();
-    const std::string& path = configuration->accounts.*path_of_;
+    const std::string& path = path_of_(configuration->accounts);
     const auto now = std::chrono::steady_clock::now();
     const std::lock_guard lock(mutex_);
     if (freshness == kNow || table_ == nullptr || path != path_ ||
@@ -86,11 +69,7 @@ class AccountFile {
     if (table_ != nullptr && path == path_ && FileState(status) == state_) {
       return;
     }
-    const FileText file = ReadFileText(path, kLargestFile);
-    if (file.text.empty()) {
-      // More likely cut off, or about to be written anew, than meant: everybody would be gone.
-      throw FileError(EINVAL, path, "is empty (a comment in it says that there are no accounts)");
-    }
+    const FileText file = ReadAccountFile(path);
     table_ = std::make_shared<const AccountTable>(file.text, format_);
     path_ = path;
     state_ = FileState(file.status);
@@ -100,8 +79,8 @@ class AccountFile {
     }
   }
 
-  std::string Configuration::Accounts::*const path_of_;
-  const AccountTable::Format format_;
+  const Path path_of_;
+  const AccountLines::Format format_;
   std::mutex mutex_;
   std::string path_;
   FileState state_{{}};
@@ -110,13 +89,35 @@ class AccountFile {
 };
 
 AccountFile& Users() {
-  static AccountFile file(&Configuration::Accounts::passwd_file, AccountTable::kPasswd);
+  using Settings = Configuration::Accounts;
+  static AccountFile file([](const Settings& s) -> const std::string& { return s.passwd_file; },
+                          AccountLines::kPasswd);
   return file;
 }
 
 AccountFile& Groups() {
-  static AccountFile file(&Configuration::Accounts::group_file, AccountTable::kGroup);
+  using Settings = Configuration::Accounts;
+  static AccountFile file([](const Settings& s) -> const std::string& { return s.group_file; },
+                          AccountLines::kGroup);
   return file;
+}
+
+// The host's own, beside a file of virtual users.
+AccountFile& HostUsers() {
+  static const std::string path = kHostPasswdFile;
+  static AccountFile file([](const Configuration::Accounts&) -> const std::string& { return path; },
+                          AccountLines::kPasswd);
+  return file;
+}
+
+// As it is now, to its last line.
+SharedTable WholeTable(AccountFile& file, const std::string& path) {
+  SharedTable table = file.Table(AccountFile::kNow);
+  if (table->broken_line() != 0) {
+    throw FileError(EINVAL, path,
+                    fmt::format("line {} is not an account entry", table->broken_line()));
+  }
+  return table;
 }
 
 template <typename Key>
@@ -153,6 +154,7 @@ SharedEntry AskNSS(int (*get)(Key, Record*, char*, std::size_t, Record**), Key k
   while (true) {
     Record record{};
     Record* result = nullptr;
+    errno = EIO;  // the answer of a service that fails without saying why
     const int error = get(key, &record, buffer.data(), buffer.size(), &result);
     if (result != nullptr) {
       return EntryOf(*result);
@@ -185,7 +187,18 @@ SharedEntry FindUser(const std::string& name) {
 
 SharedEntry FindUser(std::uint32_t uid) {
   SharedEntry entry = FindInFile(Users(), uid);
-  return entry ? entry : AskNSS<struct passwd, uid_t>(::getpwuid_r, uid);
+  return entry ? entry : FindHostUser(uid);
+}
+
+SharedEntry FindHostUser(std::uint32_t uid) {
+  return AskNSS<struct passwd, uid_t>(::getpwuid_r, uid);
+}
+
+bool IsInUsersFiles(std::uint32_t uid) {
+  const std::string users_file = CurrentConfiguration()->accounts.passwd_file;
+  return WholeTable(Users(), users_file)->Find(uid) != nullptr ||
+         (users_file != kHostPasswdFile &&
+          WholeTable(HostUsers(), kHostPasswdFile)->Find(uid) != nullptr);
 }
 
 SharedEntry FindGroup(const std::string& name) {

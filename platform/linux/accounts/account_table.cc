@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
-#include <optional>
 
-#include "utils/decimal.h"
 #include "utils/letter_case.h"
 
 namespace quillon::platform {
@@ -13,36 +11,6 @@ namespace quillon::platform {
 namespace {
 
 using AccountEntry = velamailserver::velasdk::AccountEntry;
-
-// What some editors write in front of UTF-8; it is not part of the first name.
-constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-
-// Cuts the text up to the next `separator` off the front of `rest`.
-std::string_view CutField(std::string_view& rest, char separator) {
-  const auto end = std::min(rest.find(separator), rest.size());
-  const std::string_view field = rest.substr(0, end);
-  rest.remove_prefix(std::min(end + 1, rest.size()));
-  return field;
-}
-
-bool IsEntry(std::string_view line) {
-  const auto start = line.find_first_not_of(" \t\r");
-  return start != std::string_view::npos && line[start] != '#' && line[0] != '+' && line[0] != '-';
-}
-
-std::optional<AccountEntry> ParseLine(std::string_view line, AccountTable::Format format) {
-  const auto separators = std::count(line.begin(), line.end(), ':');
-  if (separators != (format == AccountTable::kPasswd ? 6 : 3)) {
-    return std::nullopt;
-  }
-  const std::string_view name = CutField(line, ':');
-  CutField(line, ':');  // the password
-  const auto id = ParseDecimal<std::uint32_t>(CutField(line, ':'));
-  if (name.empty() || name.find('\0') != std::string_view::npos || !id) {
-    return std::nullopt;
-  }
-  return AccountEntry{name, *id};
-}
 
 }  // namespace
 
@@ -64,23 +32,15 @@ bool NameEqual::operator()(std::string_view a, std::string_view b) const {
                     [](char x, char y) { return LowerCase(x) == LowerCase(y); });
 }
 
-AccountTable::AccountTable(std::string_view text, Format format) {
-  if (text.starts_with(kByteOrderMark)) {
-    text.remove_prefix(kByteOrderMark.size());
-  }
-  std::size_t line_number = 0;
+AccountTable::AccountTable(std::string_view text, AccountLines::Format format) {
   std::size_t names_length = 0;
-  while (!text.empty()) {
-    ++line_number;
-    const std::string_view line = CutField(text, '\n');
-    if (!IsEntry(line)) {
-      continue;
-    }
-    if (const auto entry = ParseLine(line, format)) {
+  AccountLines lines(text, format);
+  while (lines.Next()) {
+    if (const auto& entry = lines.entry()) {
       entries_.push_back(*entry);
       names_length += entry->name.size();
     } else if (broken_line_ == 0) {
-      broken_line_ = line_number;
+      broken_line_ = lines.number();
     }
   }
 

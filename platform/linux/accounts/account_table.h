@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "accounts/account_entry.h"
+#include "accounts/account_lines.h"
 
 namespace quillon::platform {
 
@@ -25,12 +26,10 @@ class AccountTable {
  public:
   using AccountEntry = velamailserver::velasdk::AccountEntry;
 
-  /// Which format: the two share name and id, in their first and third field.
-  enum Format { kPasswd, kGroup };
+  using enum AccountLines::Format;
 
-  /// A byte order mark, blank lines, comments and the entries of compatibility mode ("+…", "-…")
-  /// are left out, as is a line that does not parse.
-  AccountTable(std::string_view text, Format format);
+  /// A line that does not parse is left out, besides what `AccountLines` leaves out.
+  AccountTable(std::string_view text, AccountLines::Format format);
   AccountTable(const AccountTable&) = delete;
   AccountTable& operator=(const AccountTable&) = delete;
 

@@ -6,6 +6,7 @@
 #include <velamailserver/log_exception.h>
 
 #include "accounts/account_database.h"
+#include "maildir/maildir.h"
 
 namespace velamailserver::conf {
 
@@ -16,7 +17,7 @@ constexpr int kEnumUsersFailedLine = 36;
 
 }  // namespace
 
-SmtpConf::SmtpConf() : maildir_path_(quillon::platform::CurrentConfiguration()->maildir.root) {}
+SmtpConf::SmtpConf() : maildir_path_(quillon::platform::MaildirRoot()) {}
 
 SmtpExt::SmtpExt() = default;
 

@@ -3,7 +3,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <filesystem>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include <quillon/platform/configuration.h>
@@ -11,10 +16,13 @@
 #include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/vela_user.h>
 
+#include "maildir/directory.h"
+
 namespace quillon::platform {
 
 namespace {
 
+using velamailserver::ErrorCode;
 using velamailserver::LogException;
 
 constexpr char kSourceFile[] = "platform/linux/maildir/maildir";
@@ -22,19 +30,23 @@ constexpr int kRootLine = 44;
 constexpr int kDomainLine = 51;
 constexpr int kFolderLine = 58;
 constexpr int kSubfolderLine = 71;
+constexpr int kReadLine = 84;
 
-bool IsFolderName(const std::string& name) {
+constexpr std::array kSubfolders = {"cur", "new", "tmp"};
+
+bool IsFolderName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
-[[noreturn]] void Fail(int line, const std::string& path) {
-  throw LogException(velamailserver::ERR_LSTAT_FILE,
-                     path + ": " + std::generic_category().message(errno), 3, kSourceFile, line);
+[[noreturn]] void Fail(int line, const std::string& path,
+                       ErrorCode code = velamailserver::ERR_LSTAT_FILE) {
+  throw LogException(code, path + ": " + std::generic_category().message(errno), 3, kSourceFile,
+                     line);
 }
 
-std::string DomainPath(const Configuration::Maildir& maildir) {
-  return maildir.root + (maildir.root.ends_with('/') ? "" : "/") + maildir.domain;
+std::string Below(const std::string& folder, const std::string& name) {
+  return folder + (folder.ends_with('/') ? "" : "/") + name;
 }
 
 FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name) {
@@ -42,23 +54,30 @@ FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name)
       ::openat(parent.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// Holds nothing before the first mail of the domain. A missing root is an error: with a disk that
-// is not mounted, or a slip in the configuration, all users would seem to have no mail.
-FileDescriptor OpenDomain(const Configuration::Maildir& maildir) {
-  const FileDescriptor root(::open(maildir.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!root.IsOpen()) {
-    Fail(kRootLine, maildir.root + " (maildir.root)");
+// A missing root is an error: with a disk that is not mounted, or a slip in the configuration, all
+// users would seem to have no mail.
+FileDescriptor OpenRoot(const std::string& root) {
+  FileDescriptor folder(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.IsOpen()) {
+    Fail(kRootLine, root + " (maildir.root)");
   }
-  FileDescriptor domain = OpenFolder(root, maildir.domain);
+  return folder;
+}
+
+// The domain of the host's own accounts. Holds nothing before its first mail.
+FileDescriptor OpenDomain(const std::string& name) {
+  const std::string root = MaildirRoot();
+  FileDescriptor domain = OpenFolder(OpenRoot(root), name);
   if (!domain.IsOpen() && errno != ENOENT) {
-    Fail(kDomainLine, DomainPath(maildir) + " (maildir.domain)");
+    Fail(kDomainLine, Below(root, name) + " (maildir.domain)");
   }
   return domain;
 }
 
-FileDescriptor OpenAccount(const FileDescriptor& domain, const std::string& account,
-                           const std::string& path) {
-  FileDescriptor folder = OpenFolder(domain, account);
+// Holds nothing, and errno is set, when there is no folder of the name.
+FileDescriptor OpenFolderIfAny(const FileDescriptor& parent, const std::string& name,
+                               const std::string& path) {
+  FileDescriptor folder = OpenFolder(parent, name);
   const bool is_absent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP;
   if (!folder.IsOpen() && !is_absent && errno != ENAMETOOLONG) {
     Fail(kFolderLine, path);
@@ -66,42 +85,130 @@ FileDescriptor OpenAccount(const FileDescriptor& domain, const std::string& acco
   return folder;
 }
 
-bool HasFolder(const FileDescriptor& parent, const char* name, const std::string& path) {
+bool HasFolder(const FileDescriptor& parent, const std::string& name, const std::string& path) {
   struct stat status {};
-  if (::fstatat(parent.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+  if (::fstatat(parent.Get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
     return S_ISDIR(status.st_mode);
   }
   if (errno != ENOENT) {
-    Fail(kSubfolderLine, path + "/" + name);
+    Fail(kSubfolderLine, Below(path, name));
   }
   return false;
 }
 
+bool HasAllSubfolders(const FileDescriptor& folder, const std::string& path) {
+  return std::all_of(kSubfolders.begin(), kSubfolders.end(),
+                     [&](const char* name) { return HasFolder(folder, name, path); });
+}
+
+// What a removal that is cut short leaves at last.
+bool HasNothingButSubfolders(const FileDescriptor& folder, const std::string& path) {
+  Directory directory(FileDescriptor(::openat(folder.Get(), ".", kReadFolder)));
+  if (!directory.IsOpen()) {
+    Fail(kReadLine, path, velamailserver::ERR_SDK_FILE_ENUM_DIR);
+  }
+  while (const dirent* entry = directory.Next()) {
+    const std::string name = entry->d_name;
+    if (std::count(kSubfolders.begin(), kSubfolders.end(), name) == 0 ||
+        !HasFolder(folder, name, path)) {
+      return false;
+    }
+  }
+  if (errno != 0) {
+    Fail(kReadLine, path, velamailserver::ERR_SDK_FILE_ENUM_DIR);
+  }
+  return true;
+}
+
+// The two names that a path has below the root, if it has nothing else.
+struct Place {
+  std::string domain;
+  std::string account;
+};
+
+std::optional<Place> PlaceOf(std::string_view path, const std::string& root) {
+  const std::string prefix = Below(root, "");
+  // The command that scans the disk ends its lines like this.
+  if (!path.starts_with(prefix) || path.find('\n') != std::string_view::npos) {
+    return std::nullopt;
+  }
+  path.remove_prefix(prefix.size());
+  const auto slash = path.find('/');
+  if (slash == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::string_view domain = path.substr(0, slash);
+  const std::string_view account = path.substr(slash + 1);
+  if (!IsFolderName(domain) || !IsFolderName(account)) {
+    return std::nullopt;
+  }
+  return Place{std::string(domain), std::string(account)};
+}
+
+struct stat StatusOf(const FileDescriptor& folder, const std::string& path) {
+  struct stat status {};
+  if (::fstat(folder.Get(), &status) != 0) {
+    Fail(kFolderLine, path);
+  }
+  return status;
+}
+
 }  // namespace
+
+std::string MaildirRoot() {
+  const std::string root = CurrentConfiguration()->maildir.root;
+  std::error_code error;
+  const std::filesystem::path canonical = std::filesystem::canonical(root, error);
+  return error ? root : canonical.string();
+}
 
 std::string MaildirPath(const std::string& account) {
   if (!IsFolderName(account)) {
     return "";
   }
-  return DomainPath(CurrentConfiguration()->maildir) + "/" + account;
+  return Below(Below(MaildirRoot(), CurrentConfiguration()->maildir.domain), account);
 }
 
 FileDescriptor OpenMaildir(const std::string& account) {
   if (!IsFolderName(account)) {
     return {};
   }
-  const FileDescriptor domain = OpenDomain(CurrentConfiguration()->maildir);
+  const FileDescriptor domain = OpenDomain(CurrentConfiguration()->maildir.domain);
   if (!domain.IsOpen()) {
     return {};
   }
   const std::string path = MaildirPath(account);
-  FileDescriptor folder = OpenAccount(domain, account, path);
-  for (const char* name : {"cur", "new", "tmp"}) {
-    if (!folder.IsOpen() || !HasFolder(folder, name, path)) {
-      return {};
-    }
+  FileDescriptor folder = OpenFolderIfAny(domain, account, path);
+  return folder.IsOpen() && HasAllSubfolders(folder, path) ? std::move(folder) : FileDescriptor();
+}
+
+MaildirAt OpenMaildirAt(const std::string& path) {
+  MaildirAt maildir;
+  const std::string root = MaildirRoot();
+  const auto place = PlaceOf(path, root);
+  if (!place) {
+    return maildir;
   }
-  return folder;
+  FileDescriptor folder;
+  FileDescriptor domain = OpenFolderIfAny(OpenRoot(root), place->domain, path);
+  if (domain.IsOpen()) {
+    folder = OpenFolderIfAny(domain, place->account, path);
+  }
+  if (!folder.IsOpen()) {
+    maildir.state = errno == ENOENT ? MaildirAt::kAbsent : MaildirAt::kNone;
+    return maildir;
+  }
+  if (!HasAllSubfolders(folder, path) && !HasNothingButSubfolders(folder, path)) {
+    return maildir;
+  }
+  const struct stat status = StatusOf(folder, path);
+  return {.state = MaildirAt::kMaildir,
+          .domain_name = place->domain,
+          .account = place->account,
+          .domain = std::move(domain),
+          .folder = std::move(folder),
+          .uid = status.st_uid,
+          .inode = status.st_ino};
 }
 
 }  // namespace quillon::platform
@@ -109,7 +216,7 @@ FileDescriptor OpenMaildir(const std::string& account) {
 namespace velamailserver::account {
 
 Maildir::Maildir(unsigned int user_id) {
-  const std::string account = velasdk::VelaUser(user_id).Name();
+  account = velasdk::VelaUser(user_id).Name();
   uid = user_id;
   path = quillon::platform::MaildirPath(account);
   flag = quillon::platform::OpenMaildir(account).IsOpen();

@@ -1,18 +1,17 @@
 #include "maildir/message_usage.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <limits>
-#include <memory>
 #include <system_error>
 
 #include <velamailserver/log_exception.h>
 #include <velamailserver/maillog.h>
 
+#include "maildir/directory.h"
 #include "utils/decimal.h"
+#include "utils/saturating_add.h"
 
 namespace quillon::platform {
 
@@ -30,11 +29,6 @@ constexpr int kTooDeepLine = 117;
 // Every level holds a descriptor while what is below it is counted.
 constexpr int kDeepestLevel = 64;
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
 // Counts one mail directory; `path_` is that of the directory being read.
 class Counter {
  public:
@@ -51,27 +45,17 @@ class Counter {
                        line);
   }
 
-  // Nothing when the directory has vanished or been replaced by something else.
+  // Not open when the directory has vanished or been replaced by something else.
   Directory Open(int parent, const char* name) const {
-    FileDescriptor fd(
-        ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (!fd.IsOpen()) {
-      if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) {
-        return nullptr;
-      }
+    Directory directory(FileDescriptor(::openat(parent, name, kReadFolder)));
+    if (!directory.IsOpen() && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
       Fail(velamailserver::ERR_SDK_FILE_ENUM_DIR, kOpenFailedLine, path_);
     }
-    Directory directory(::fdopendir(fd.Get()));
-    if (directory == nullptr) {
-      Fail(velamailserver::ERR_SDK_FILE_ENUM_DIR, kOpenFailedLine, path_);
-    }
-    static_cast<void>(fd.Release());
     return directory;
   }
 
-  const dirent* Next(const Directory& directory) const {
-    errno = 0;
-    const dirent* entry = ::readdir(directory.get());
+  const dirent* Next(Directory& directory) const {
+    const dirent* const entry = directory.Next();
     if (entry == nullptr && errno != 0) {
       Fail(velamailserver::ERR_SDK_FILE_ENUM_DIR, kReadFailedLine, path_);
     }
@@ -81,7 +65,7 @@ class Counter {
   // Nothing when the entry has vanished.
   std::optional<struct stat> Status(const Directory& directory, const char* name) const {
     struct stat status {};
-    if (::fstatat(::dirfd(directory.get()), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (::fstatat(directory.Get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
       return status;
     }
     if (errno != ENOENT) {
@@ -99,21 +83,21 @@ class Counter {
   }
 
   void CountFolder(int parent, const char* name, int level) {
-    const Directory directory = Open(parent, name);
-    if (directory == nullptr) {
+    Directory directory = Open(parent, name);
+    if (!directory.IsOpen()) {
       return;
     }
     while (const dirent* entry = Next(directory)) {
       const std::string_view child = entry->d_name;
-      if (child == "." || child == ".." || child == "tmp" || !IsFolder(directory, *entry)) {
+      if (child == "tmp" || !IsFolder(directory, *entry)) {
         continue;
       }
       const std::size_t length = path_.size();
       path_.append("/").append(child);
       if (child == "cur" || child == "new") {
-        CountMessages(::dirfd(directory.get()), entry->d_name);
+        CountMessages(directory.Get(), entry->d_name);
       } else if (level < kDeepestLevel) {
-        CountFolder(::dirfd(directory.get()), entry->d_name, level + 1);
+        CountFolder(directory.Get(), entry->d_name, level + 1);
       } else {
         LogTooDeep();
       }
@@ -122,13 +106,13 @@ class Counter {
   }
 
   void CountMessages(int folder, const char* name) {
-    const Directory directory = Open(folder, name);
-    if (directory == nullptr) {
+    Directory directory = Open(folder, name);
+    if (!directory.IsOpen()) {
       return;
     }
     while (const dirent* entry = Next(directory)) {
       if (entry->d_name[0] != '.') {
-        Add(MessageSize(directory, *entry));
+        bytes_ = SaturatingAdd(bytes_, MessageSize(directory, *entry));
       }
     }
   }
@@ -147,11 +131,6 @@ class Counter {
       return 0;
     }
     return size_in_name.value_or(static_cast<unsigned long long>(status->st_size));
-  }
-
-  void Add(unsigned long long bytes) {
-    constexpr auto kMost = std::numeric_limits<unsigned long long>::max();
-    bytes_ = bytes <= kMost - bytes_ ? bytes_ + bytes : kMost;
   }
 
   // Once: the owner may have made any number of such folders.

@@ -10,7 +10,7 @@
 #include <velamailserver/account/quota_record.h>
 #include <velamailserver/log_exception.h>
 
-#include "quota/quota_transaction.h"
+#include "utils/database_transaction.h"
 #include "utils/excerpt.h"
 
 namespace quillon::platform {
@@ -119,7 +119,7 @@ void QuotaDatabase::Set(const char* table, std::vector<Subject> subjects,
   const std::string names = NamesById(subjects);
   const std::string bytes_text = std::to_string(bytes);
   Run({ERR_DB_REPLACE, "write", table, kNotSetLine}, [&] {
-    QuotaTransaction transaction(*session_, dialect_->sql().begin);
+    DatabaseTransaction transaction(*session_, dialect_->sql().begin);
     *session_ << fmt::format(
         "INSERT INTO {} (id, name, bytes) SELECT CAST(key AS BIGINT), value, :bytes FROM {}"
         " WHERE true ON CONFLICT (id) DO UPDATE SET name = excluded.name, bytes = excluded.bytes",
@@ -136,7 +136,7 @@ void QuotaDatabase::Clear(const char* table, Ids ids) {
   MakeUnique(ids);
   const std::string ids_text = fmt::format("{}", fmt::join(ids, ","));
   Run({ERR_DB_DELETE, "clear", table, kNotClearedLine}, [&] {
-    QuotaTransaction transaction(*session_, dialect_->sql().begin);
+    DatabaseTransaction transaction(*session_, dialect_->sql().begin);
     *session_ << fmt::format("DELETE FROM {} WHERE id IN ({})", table, dialect_->sql().ids),
         soci::use(ids_text, "ids");
     transaction.Commit();

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <string_view>
 
 #include <fmt/format.h>
 
@@ -12,6 +11,7 @@
 
 #include "quota/postgresql_dialect.h"
 #include "quota/sqlite_dialect.h"
+#include "utils/database_error.h"
 
 namespace quillon::platform {
 
@@ -46,28 +46,6 @@ MakePostgresqlDialectFunction* LoadPostgresql() {
   return reinterpret_cast<MakePostgresqlDialectFunction*>(function);
 }
 
-// SOCI begins some messages with the name of its own function.
-std::string_view WithoutOrigin(std::string_view text) {
-  const auto colon = text.find(": ");
-  return text.starts_with("sqlite3_statement_backend::") && colon != std::string_view::npos
-             ? text.substr(colon + 2)
-             : text;
-}
-
-// libpq's messages have several lines.
-std::string OnOneLine(std::string_view text) {
-  std::string line;
-  for (const char c : text) {
-    const bool is_blank = c == ' ' || c == '\n' || c == '\t' || c == '\r';
-    if (!is_blank) {
-      line += c;
-    } else if (!line.empty() && line.back() != ' ') {
-      line += ' ';
-    }
-  }
-  return line.substr(0, line.find_last_not_of(' ') + 1);
-}
-
 }  // namespace
 
 std::unique_ptr<QuotaDialect> QuotaDialect::Of(const Configuration::Quota& settings) {
@@ -88,10 +66,8 @@ std::string QuotaDialect::Explain(const soci::soci_error& error) const {
   if (IsLocked(error)) {
     return fmt::format("another program has locked it for more than {} s", busy_timeout());
   }
-  // Without SOCI's account of the statement and all its parameters, which may be megabytes.
   const std::string remedy = Remedy(error);
-  return OnOneLine(WithoutOrigin(error.get_error_message())) + (remedy.empty() ? "" : ": ") +
-         remedy;
+  return MessageOf(error) + (remedy.empty() ? "" : ": ") + remedy;
 }
 
 }  // namespace quillon::platform

@@ -9,7 +9,7 @@
 
 #include <velamailserver/log_exception.h>
 
-#include "quota/quota_transaction.h"
+#include "utils/database_transaction.h"
 #include "utils/decimal.h"
 #include "utils/excerpt.h"
 
@@ -76,7 +76,7 @@ std::optional<std::size_t> ReadVersionIfAny(soci::session& session, const QuotaD
 }
 
 void Migrate(soci::session& session, const QuotaDialect& dialect) {
-  QuotaTransaction transaction(session, dialect.sql().begin);
+  DatabaseTransaction transaction(session, dialect.sql().begin);
   session << "CREATE TABLE IF NOT EXISTS quota_schema (version INTEGER NOT NULL)";
   // Another program may have been faster.
   for (auto next = ReadVersion(session, dialect); next < kNewestVersion; ++next) {

@@ -7,8 +7,7 @@
 
 namespace quillon::platform {
 
-/// The dialect of a store in an SQLite file. `busy_timeout` is in seconds. Throws `LogException`
-/// with `ERR_BAD_DB_SESSION` for a path that cannot be used.
+/// The dialect of a store in an SQLite file. `busy_timeout` is in seconds.
 std::unique_ptr<QuotaDialect> MakeSqliteDialect(const std::string& path, int busy_timeout);
 
 }  // namespace quillon::platform

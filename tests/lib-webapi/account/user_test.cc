@@ -10,16 +10,17 @@
 
 #include <gmock/gmock.h>
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <velamailserver/account/user.h>
 #include <velamailserver/log_exception.h>
 
 #include "recording_platform/world_test.h"
+#include "support/typed_json.h"
 
 namespace velamailserver::webapi {
 namespace {
 
+using quillon::test::Typed;
 using recording::LogRecord;
 using recording::Throw;
 using testing::ElementsAre;
@@ -40,26 +41,6 @@ Json::Value Parse(const std::string& text) {
   Json::Value value;
   std::istringstream(text) >> value;
   return value;
-}
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
-// JSON that tells the types of integers apart: 0 is a signed one, 0u an unsigned one.
-std::string Typed(const Json::Value& value) {
-  if (value.isNull() || !(value.isArray() || value.isObject())) {
-    return Compact(value) + (value.type() == Json::uintValue ? "u" : "");
-  }
-  std::string members;
-  for (auto member = value.begin(); member != value.end(); ++member) {
-    members += members.empty() ? "" : ",";
-    members += value.isObject() ? Compact(member.key()) + ":" : "";
-    members += Typed(*member);
-  }
-  return value.isObject() ? "{" + members + "}" : "[" + members + "]";
 }
 
 class UserTest : public recording::WorldTest {

@@ -22,6 +22,29 @@ namespace quillon::handlers {
 /// "Quillon.MailServer.Usage" version 1:
 ///   "count"        {"names"} → {"counted": [{"name", "usage"}…], "skipped": false}, or nothing
 ///                  counted, "skipped" true and a "reason" while another count is running.
+///
+/// "Quillon.MailServer.NoOwner" version 1, the mail directories whose uid is nobody's. Sizes are
+/// the bytes of all regular files in them, which is what removal frees. A missing maildir root
+/// refuses a call with `ERR_LSTAT_FILE`: nothing would seem to be without an owner.
+///   "list"         {"offset", "limit", "keyword", "sort_by", "sort_direction"}, all optional
+///                  → {"no_owner_list": [{"uid", "name", "usage", "counted"}…], "total"}; see
+///                  `NoOwner::List`. "counted" is false, and "usage" 0, for a directory that was
+///                  never counted: a recount in the background has been started then. "sort_by" is
+///                  "name" or "usage", "sort_direction" "ASC" or "DESC".
+///   "refresh"      {} → {"generation", "maildirs", "skipped"}: starts to recount this many
+///                  "maildirs" in the background. "generation" is the number of recounts that were
+///                  finished before; it grows when this one is. While another count is running
+///                  nothing is counted, "skipped" is true and there is a "reason".
+///   "status"       {} → {"generation", "running"}: whether any usage count is running. Looks at no
+///                  mail directory.
+///   "remove"       {"uids", "dry_run"}, at least one uid; "dry_run" is false by default
+///                  → {"removed": […], "left": […], "unknown": [UID…]}, with "dry_run"
+///                  {"maildirs": […], "unknown": [UID…]}, and then nothing is changed. An entry is
+///                  {"uid", "name", "path", "usage", "messages"}, in the order of the paths,
+///                  measured at that moment (what was "removed": before its removal); "usage" and
+///                  "messages" are null for a directory that cannot be read. "removed" is what is
+///                  gone from its path. An unknown uid, one that owns no such directory, does not
+///                  keep the others' from going.
 void RegisterAll();
 
 }  // namespace quillon::handlers

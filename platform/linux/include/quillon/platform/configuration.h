@@ -27,6 +27,8 @@ struct Configuration {
   struct Maildir {
     std::string root = "/var/spool/quillon";  ///< mail directories are ROOT/DOMAIN/ACCOUNT
     std::string domain = "local";             ///< domain of the host's own accounts
+    /// What ownerless mail directories were counted to hold: a file, whose folder must exist.
+    std::string usage_cache = "/var/lib/quillon/no-owner-usage.db";
   } maildir;
 
   struct Quota {

@@ -5,14 +5,14 @@
 namespace quillon::platform {
 
 /// A transaction that is undone unless it was committed. SOCI's own cannot begin with a write lock.
-class QuotaTransaction {
+class DatabaseTransaction {
  public:
-  QuotaTransaction(soci::session& session, const char* begin) : QuotaTransaction(session) {
+  DatabaseTransaction(soci::session& session, const char* begin) : DatabaseTransaction(session) {
     session_ << begin;
   }
-  QuotaTransaction(const QuotaTransaction&) = delete;
-  QuotaTransaction& operator=(const QuotaTransaction&) = delete;
-  ~QuotaTransaction() {
+  DatabaseTransaction(const DatabaseTransaction&) = delete;
+  DatabaseTransaction& operator=(const DatabaseTransaction&) = delete;
+  ~DatabaseTransaction() {
     if (!is_committed_) {
       try {
         session_ << "ROLLBACK";
@@ -29,7 +29,7 @@ class QuotaTransaction {
 
  private:
   // Delegated to, so that a begin that fails half-way is undone as well.
-  explicit QuotaTransaction(soci::session& session) : session_(session) {}
+  explicit DatabaseTransaction(soci::session& session) : session_(session) {}
 
   soci::session& session_;
   bool is_committed_ = false;

@@ -1,0 +1,104 @@
+#include "accounts/nobody.h"
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+
+#include <fmt/format.h>
+
+#include <quillon/platform/configuration.h>
+#include <velamailserver/log_exception.h>
+#include <velamailserver/maillog.h>
+
+#include "accounts/account_database.h"
+#include "accounts/account_lines.h"
+#include "accounts/name_services.h"
+
+namespace quillon::platform {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr char kSourceFile[] = "platform/linux/accounts/nobody";
+constexpr int kCannotTellLine = 34;
+
+// The reason is as a rule the same for every directory of a scan.
+void LogOnceAMinute(const std::string& reason) {
+  static std::mutex mutex;
+  static std::string last_reason;
+  static Clock::time_point logged_at;
+  const auto now = Clock::now();
+  const std::lock_guard lock(mutex);
+  if (reason == last_reason && now - logged_at < std::chrono::minutes(1)) {
+    return;
+  }
+  last_reason = reason;
+  logged_at = now;
+  maillog(4, "%s:%d cannot find out whose a uid is, it counts as somebody's: %s", kSourceFile,
+          kCannotTellLine, reason.c_str());
+}
+
+// The answer to a question, or false when it cannot be answered.
+template <typename Ask>
+bool AnswerOf(const Ask& ask) {
+  try {
+    return ask();
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const velamailserver::LogException&) {
+    return false;  // it has logged itself
+  } catch (const std::exception& error) {
+    LogOnceAMinute(error.what());
+    return false;
+  }
+}
+
+// The name of the uid in a users file, which is read anew.
+std::optional<std::string> NameInFile(const std::string& path, std::uint32_t uid) {
+  const FileText file = ReadAccountFile(path);
+  AccountLines lines(file.text, AccountLines::kPasswd);
+  while (lines.Next()) {
+    if (!lines.entry()) {
+      throw FileError(EINVAL, path, fmt::format("line {} is not an account entry", lines.number()));
+    }
+    if (lines.entry()->id == uid) {
+      return std::string(lines.entry()->name);
+    }
+  }
+  return std::nullopt;
+}
+
+bool IsInFilesReadAnew(std::uint32_t uid) {
+  const std::string users_file = CurrentConfiguration()->accounts.passwd_file;
+  return NameInFile(users_file, uid) ||
+         (users_file != kHostPasswdFile && NameInFile(kHostPasswdFile, uid));
+}
+
+}  // namespace
+
+bool IsNobody(std::uint32_t uid) {
+  return AnswerOf([uid] { return !IsInUsersFiles(uid) && IsUnknownToNameServices(uid); });
+}
+
+bool IsNobodyAskedAfresh(std::uint32_t uid) {
+  return AnswerOf([uid] {
+    return !IsInFilesReadAnew(uid) && IsUnknownToNameServices(uid) && FindHostUser(uid) == nullptr;
+  });
+}
+
+bool IsAccountAskedAfresh(std::uint32_t uid, const std::string& account) {
+  return AnswerOf([&] {
+    if (const auto name = NameInFile(CurrentConfiguration()->accounts.passwd_file, uid)) {
+      return *name == account;
+    }
+    const auto user = FindHostUser(uid);
+    return user != nullptr && user->name == account;
+  });
+}
+
+}  // namespace quillon::platform
