@@ -1,5 +1,7 @@
 // quillon-bench [--quick] [--json FILE]: makes hosts of its own, measures the pairs and prints the
 // ratios.
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -7,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -28,10 +31,14 @@ struct Sizes {
   std::size_t fewer_users = 10'000;
   std::size_t changed_users = 10'000;
   std::size_t messages = 100'000;
+  std::size_t ownerless = 100'000;        // mail directories
+  std::size_t ownerless_files = 200'000;  // to recount
+  std::size_t removed_files = 100'000;
+  std::size_t ownerless_records = 1'000'000;  // to show a page of
   int rounds = 5;
 };
 
-constexpr Sizes kQuick{2000, 200, 500, 2000, 1};
+constexpr Sizes kQuick{2000, 200, 500, 2000, 500, 2000, 1000, 10'000, 1};
 
 struct Row {
   std::string what;
@@ -53,6 +60,12 @@ std::string Median(const Runs& runs, double Cost::*figure) {
                                   : fmt::format("{:.3f} s", median);
 }
 
+// The next program reads everything from the disk.
+void ForgetFiles() {
+  ::sync();
+  std::ofstream("/proc/sys/vm/drop_caches") << "3" << std::flush;
+}
+
 class Bench {
  public:
   Bench(std::string programs, Sizes sizes) : programs_(std::move(programs)), sizes_(sizes) {}
@@ -62,6 +75,10 @@ class Bench {
     SetQuota();
     Count(true, 0.3);
     Count(false, 1.05);
+    FindOwnerless();
+    RecountOwnerless();
+    RemoveOwnerless();
+    PageOwnerless();
     return std::move(rows_);
   }
 
@@ -135,6 +152,78 @@ class Bench {
     Add(fmt::format("count {} messages beside du, sizes {} names", sizes_.messages,
                     names_carry_sizes ? "in the" : "not in the"),
         target, runs[0], runs[1], &Cost::whole_seconds);
+  }
+
+  // The command is the scan's own; the second row adds what it costs to look every figure up.
+  void FindOwnerless() {
+    fmt::print(stderr, "finding {} ownerless mail directories\n", sizes_.ownerless);
+    const Host host(1);
+    MakeOwnerlessMail(host.path(), sizes_.ownerless, 0);
+    const std::string what = fmt::format("find {} ownerless directories", sizes_.ownerless);
+    const Command scan = {Program("scan-by-library"), host.path()};
+    const Command find = {
+        "/bin/find", host.path() + "/spool", "-mindepth", "2", "-maxdepth", "2", "-type", "d",
+        "-nouser"};
+    const auto uncounted = RunInTurn({scan, find}, sizes_.rounds);
+    Add(what, 1.1, uncounted[0], uncounted[1], &Cost::whole_seconds);
+    RunInTurn({{Program("recount-by-library"), host.path()}}, 0);
+    const auto counted = RunInTurn({scan, find}, sizes_.rounds);
+    Add(what + ", with usage from the cache", 1.2, counted[0], counted[1], &Cost::whole_seconds);
+  }
+
+  void RecountOwnerless() {
+    constexpr std::size_t kMailboxes = 100;
+    fmt::print(stderr, "recounting {} ownerless files\n", sizes_.ownerless_files);
+    const Host host(1);
+    MakeOwnerlessMail(host.path(), kMailboxes, sizes_.ownerless_files / kMailboxes);
+    const std::vector<Command> commands = {{Program("recount-by-library"), host.path()},
+                                           {"du", "-s", "--apparent-size", host.path() + "/spool"}};
+    const std::string what = fmt::format("recount {} files beside du", sizes_.ownerless_files);
+    const auto hot = RunInTurn(commands, 2 * sizes_.rounds);
+    Add(what + ", hot cache", 1.05, hot[0], hot[1], &Cost::seconds);
+    const auto cold = RunInTurn(commands, sizes_.rounds, ForgetFiles);
+    Add(what + ", cold cache", 1.05, cold[0], cold[1], &Cost::seconds);
+  }
+
+  void RemoveOwnerless() {
+    constexpr std::size_t kMailboxes = 10;
+    fmt::print(stderr, "removing {} ownerless files\n", sizes_.removed_files);
+    const Host host(1);
+    const auto make = [&] {
+      MakeOwnerlessMail(host.path(), kMailboxes, sizes_.removed_files / kMailboxes);
+      ::sync();
+    };
+    const auto runs = RunInTurn(
+        {{Program("remove-by-library"), host.path()}, {"rm", "-rf", host.path() + "/spool/local"}},
+        sizes_.rounds, make);
+    Add(fmt::format("remove {} files beside rm -rf", sizes_.removed_files), 1.05, runs[0], runs[1],
+        &Cost::seconds);
+  }
+
+  void PageOwnerless() {
+    fmt::print(stderr, "a page of {} ownerless mail directories\n", sizes_.ownerless_records);
+    const std::string records = std::to_string(sizes_.ownerless_records);
+    for (const auto& [keyword, target] : {std::pair("", 0.2), std::pair("ar", 1.0 / 3)}) {
+      for (const char* sort_by : {"name", "usage"}) {
+        for (const char* offset : {"first", "middle"}) {
+          const auto runs = RunInTurn(
+              {{Program("page-of-ownerless"), "library", records, keyword, sort_by, offset},
+               {Program("page-of-ownerless"), "plain", records, keyword, sort_by, offset}},
+              sizes_.rounds);
+          Add(fmt::format("{} page of {} by {}{}", offset, records, sort_by,
+                          *keyword == '\0' ? "" : ", filtered"),
+              target, runs[0], runs[1], &Cost::seconds);
+        }
+      }
+    }
+    const auto memory =
+        RunInTurn({{Program("page-of-ownerless"), "memory", records, "", "name", "middle"}}, 1);
+    const double bytes = memory[0].front().seconds;
+    rows_.push_back({fmt::format("page of {}, working bytes a record", records),
+                     32.0,
+                     {bytes, bytes, bytes},
+                     fmt::format("{:.1f} B", bytes),
+                     "-"});
   }
 
   const std::string programs_;

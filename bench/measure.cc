@@ -66,13 +66,16 @@ Spread SpreadOf(std::vector<double> figures) {
   return {figures.front(), figures[figures.size() / 2], figures.back()};
 }
 
-std::vector<Runs> RunInTurn(const std::vector<Command>& commands, int rounds) {
+std::vector<Runs> RunInTurn(const std::vector<Command>& commands, int rounds,
+                            const std::function<void()>& prepare) {
   for (const Command& command : commands) {
+    prepare();
     RunOnce(command);
   }
   std::vector<Runs> runs(commands.size());
   for (int round = 0; round < rounds; ++round) {
     for (std::size_t i = 0; i < commands.size(); ++i) {
+      prepare();
       runs[i].push_back(RunOnce(commands[i]));
     }
   }

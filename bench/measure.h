@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,10 @@ using Command = std::vector<std::string>;
 using Runs = std::vector<Cost>;
 
 /// Runs the programs in turn, `rounds` times after one round that does not count, and answers the
-/// runs of each. Throws when one of them fails.
-std::vector<Runs> RunInTurn(const std::vector<Command>& commands, int rounds);
+/// runs of each. `prepare` is called before every run, at its own cost. Throws when one of them
+/// fails.
+std::vector<Runs> RunInTurn(
+    const std::vector<Command>& commands, int rounds, const std::function<void()>& prepare = [] {});
 
 /// The spread of ours/theirs, round by round, of one kind of cost.
 Spread Ratio(const Runs& ours, const Runs& theirs, double Cost::*figure);

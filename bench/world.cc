@@ -1,11 +1,15 @@
 #include "world.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
 #include <random>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -22,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr unsigned int kFirstUid = 100000;
+constexpr unsigned int kFirstOwnerlessUid = 3'000'000;
 
 std::vector<std::string> ReadNames(const std::string& folder) {
   std::vector<std::string> names;
@@ -47,6 +52,19 @@ std::vector<std::string> MakeNames(std::size_t users) {
   return names;
 }
 
+void MakeMaildir(const std::string& path, std::size_t messages, bool names_carry_sizes) {
+  const std::string text = "From: <a@example>\r\nTo: <b@example>\r\nSubject: x\r\n\r\nHello.\r\n";
+  for (const char* part : {"cur", "new", "tmp"}) {
+    fs::create_directories(fmt::format("{}/{}", path, part));
+  }
+  for (std::size_t i = 0; i < messages; ++i) {
+    const std::string body = text + std::string(i % 997, 'x');
+    std::ofstream(fmt::format("{}/cur/17000{:05}.M{}P1.host{}:2,S", path, i, i * 31,
+                              names_carry_sizes ? fmt::format(",S={}", body.size()) : ""))
+        << body;
+  }
+}
+
 }  // namespace
 
 void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket) {
@@ -68,6 +86,8 @@ max_uid = {2}
 
 [maildir]
 root = "{0}/spool"
+
+usage_cache = "{0}/no-owner-usage.db"
 
 [quota]
 store = "sqlite://{0}/quota.db"
@@ -110,17 +130,19 @@ void FillStores(const std::string& folder) {
 
 void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes) {
   const std::vector<std::string> names = ReadNames(folder);
-  const std::string text = "From: <a@example>\r\nTo: <b@example>\r\nSubject: x\r\n\r\nHello.\r\n";
   for (const std::string& name : names) {
-    const std::string maildir = fmt::format("{}/spool/local/{}", folder, name);
-    for (const char* part : {"cur", "new", "tmp"}) {
-      fs::create_directories(fmt::format("{}/{}", maildir, part));
-    }
-    for (std::size_t i = 0; i < messages / names.size(); ++i) {
-      const std::string body = text + std::string(i % 997, 'x');
-      std::ofstream(fmt::format("{}/cur/17000{:05}.M{}P1.host{}:2,S", maildir, i, i * 31,
-                                names_carry_sizes ? fmt::format(",S={}", body.size()) : ""))
-          << body;
+    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), messages / names.size(),
+                names_carry_sizes);
+  }
+}
+
+void MakeOwnerlessMail(const std::string& folder, std::size_t maildirs, std::size_t messages) {
+  for (std::size_t i = 0; i < maildirs; ++i) {
+    const std::string maildir = fmt::format("{}/spool/local/gone{}", folder, i);
+    MakeMaildir(maildir, messages, false);
+    const auto uid = static_cast<uid_t>(kFirstOwnerlessUid + i);
+    if (::chown(maildir.c_str(), uid, static_cast<gid_t>(-1)) != 0) {
+      throw std::system_error(errno, std::generic_category(), maildir);
     }
   }
 }

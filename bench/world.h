@@ -17,4 +17,7 @@ void FillStores(const std::string& folder);
 /// their sizes or do not.
 void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes);
 
+/// Makes `maildirs` mail directories that belong to nobody, each with `messages` messages.
+void MakeOwnerlessMail(const std::string& folder, std::size_t maildirs, std::size_t messages);
+
 }  // namespace quillon::bench
