@@ -6,6 +6,7 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -267,6 +268,26 @@ int ReportLeft(const Json::Value& left) {
   return kFailed;
 }
 
+// For those that were shown and are neither removed nor left: somebody owns them by now, or
+// something else is in their place.
+int ReportChanged(const Json::Value& shown, const Json::Value& data) {
+  std::set<std::string> reported;
+  for (const char* list : {"removed", "left"}) {
+    for (const Json::Value& maildir : data[list]) {
+      reported.insert(maildir["path"].asString());
+    }
+  }
+  int code = kDone;
+  for (const Json::Value& maildir : shown) {
+    const std::string path = maildir["path"].asString();
+    if (!reported.contains(path)) {
+      WriteError("not removed, it has changed since it was shown: " + Printable(path));
+      code = kFailed;
+    }
+  }
+  return code;
+}
+
 std::string Question(const Json::Value& maildirs) {
   return fmt::format("Remove {} with {} for good?",
                      maildirs.size() == 1 ? "this directory"
@@ -295,14 +316,14 @@ int RemoveForPeople(const RemoveOptions& options) {
     WriteError("nothing was removed");
     return kFailed;
   }
-  // None but what was shown.
+  // Of no uids but those that were shown.
   const Json::Value data = Remove(UidsOf(maildirs), false);
   WriteOutput(fmt::format("{} removed, {}\n", CountOfMaildirs(data["removed"].size()),
                           SizeAndMessages(data["removed"])));
   if (!data["left"].empty()) {
     WriteMaildirs(data["left"]);
   }
-  return std::max(code, ReportLeft(data["left"]));
+  return std::max({code, ReportChanged(maildirs, data), ReportLeft(data["left"])});
 }
 
 std::uint32_t ParseUid(const std::string& text) {

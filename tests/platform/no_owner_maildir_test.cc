@@ -1,7 +1,11 @@
+#include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -22,6 +26,7 @@
 #include "maildir/usage_cache.h"
 #include "nss_quillontest.h"
 #include "support/as_nobody.h"
+#include "support/directory_entries.h"
 #include "support/own_mounts.h"
 #include "support/own_process.h"
 #include "support/temporary_folder.h"
@@ -347,7 +352,7 @@ TEST_F(RefreshedMaildir, HasAUsage) {
   EXPECT_EQ(maildir.usage, std::nullopt);
   EXPECT_THAT(UsageOf(gone_), Optional(5U));
 
-  folder_.Write("spool/local/gone/dovecot.index", "123");
+  folder_.Write("spool/local/gone/index.cache", "123");
   maildir.RefreshCache();
   EXPECT_THAT(UsageOf(gone_), Optional(8U));
 }
@@ -437,6 +442,37 @@ TEST_F(RemovedMaildir, IsGoneWithItsFigure) {
   EXPECT_EQ(Log(), "");
 }
 
+TEST_F(RemovedMaildir, HasNoFigureOnceItsRemovalHasBegun) {
+  NoOwnerMaildir maildir(gone_);
+  maildir.RefreshCache();
+  const pid_t removal = ::fork();
+  if (removal == 0) {
+    test::on_directory_entry = [](dirent64& /*entry*/) { return ::raise(SIGKILL) == 0; };
+    maildir.Delete();
+    ::_exit(EXIT_SUCCESS);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(removal, &status, 0), removal);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_TRUE(NoOwnerMaildir(gone_).flag);
+  EXPECT_EQ(UsageOf(gone_), std::nullopt);
+}
+
+TEST_F(RemovedMaildir, HasNoFigureThatWasCountedMeanwhile) {
+  const NoOwnerMaildir maildir(gone_);
+  const CacheKey key = KeyOf(gone_);
+  bool is_counted = false;
+  test::on_directory_entry = [&](dirent64& /*entry*/) {
+    StoreCachedUsage(key, 5);
+    is_counted = true;
+    return true;
+  };
+  EXPECT_TRUE(maildir.Delete());
+  test::on_directory_entry = nullptr;
+  EXPECT_TRUE(is_counted);
+  EXPECT_EQ(FindCachedUsage(key), std::nullopt);
+}
+
 TEST_F(RemovedMaildir, NeedsNoCache) {
   EXPECT_TRUE(NoOwnerMaildir(gone_).Delete());
   EXPECT_FALSE(fs::exists(folder_ / "cache.db"));
@@ -493,6 +529,30 @@ TEST_F(RemovedMaildir, IsStillTheOneThatWasFound) {
   ReplaceByLink(spool_ + "/local", folder_ / "elsewhere/local");
   ExpectRefusal(maildir, "is no mail directory");
   ExpectUntouched(folder_ / "elsewhere/local/gone");
+}
+
+TEST_F(RemovedMaildir, IsNothingThatIsMountedThere) {
+  const std::string other = folder_ / "elsewhere/gone";
+  MakeMaildir(other, kGone);
+  test::InOwnMounts([&] {
+    test::BindOver(gone_, other);
+    const NoOwnerMaildir maildir(gone_);
+    EXPECT_TRUE(maildir.flag);
+    ExpectRefusal(maildir, "something is mounted there");
+  });
+  ExpectUntouched(other);
+  ExpectUntouched(gone_);
+}
+
+// Domains may have disks of their own.
+TEST_F(RemovedMaildir, MayLieInADomainThatIsMounted) {
+  MakeMaildir(folder_ / "disk/gone", kGone);
+  test::InOwnMounts([&] {
+    test::BindOver(spool_ + "/local", folder_ / "disk");
+    EXPECT_TRUE(NoOwnerMaildir(gone_).Delete());
+  });
+  EXPECT_FALSE(fs::exists(folder_ / "disk/gone"));
+  ExpectUntouched(gone_);
 }
 
 TEST_F(RemovedMaildir, LiesBelowTheRoot) {

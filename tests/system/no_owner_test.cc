@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -91,10 +92,10 @@ class NoOwnerTest : public testing::Test {
     return world_.Quillonctl(arguments, input);
   }
 
-  Outcome NoOwnerOnTerminal(std::vector<std::string> arguments,
-                            const std::string& typed = "") const {
+  Outcome NoOwnerOnTerminal(std::vector<std::string> arguments, const std::string& typed = "",
+                            const std::function<void()>& when_asked = nullptr) const {
     arguments.insert(arguments.begin(), "no-owner");
-    return RunOnTerminal(world_.CommandLine(arguments), {}, typed);
+    return RunOnTerminal(world_.CommandLine(arguments), {}, typed, when_asked);
   }
 
   bool Exists(const std::string& account) const {
@@ -380,6 +381,18 @@ TEST_F(RemoveOwnerlessTest, TakesEverythingElseForNo) {
               EndsWith("[y/N] \r\nquillonctl: nothing was removed\r\n"));
   EXPECT_TRUE(Exists("dora"));
   EXPECT_TRUE(Exists("emil"));
+}
+
+TEST_F(RemoveOwnerlessTest, SaysWhatHasChangedSinceItWasShown) {
+  const Outcome outcome = NoOwnerOnTerminal({"remove", "3000001", "3000002"}, "y\n",
+                                            [this] { world_.AddAccount("dora", 3000001); });
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.output,
+              EndsWith("1 ownerless mail directory removed, 2K in 1 message\r\n"
+                       "quillonctl: not removed, it has changed since it was shown: " +
+                       world_.Maildir("dora") + "\r\n"));
+  EXPECT_TRUE(Exists("dora"));
+  EXPECT_FALSE(Exists("emil"));
 }
 
 TEST_F(RemoveOwnerlessTest, NeedsAgreementWhereItCannotAsk) {

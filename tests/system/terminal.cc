@@ -26,10 +26,25 @@ namespace {
   ::_exit(127);
 }
 
+// Answers false when the last program has left the terminal, which ends it with EIO.
+bool ReadOn(int terminal, std::string& output) {
+  std::array<char, 4096> chunk{};
+  const ssize_t got = ::read(terminal, chunk.data(), chunk.size());
+  output.append(chunk.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
+  return got > 0;
+}
+
+void Type(int terminal, const std::string& text) {
+  if (::write(terminal, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    throw std::system_error(errno, std::generic_category(), "write to a terminal");
+  }
+}
+
 }  // namespace
 
 Outcome RunOnTerminal(const std::vector<std::string>& arguments,
-                      const std::vector<std::string>& environment, const std::string& typed) {
+                      const std::vector<std::string>& environment, const std::string& typed,
+                      const std::function<void()>& when_asked) {
   winsize size{};
   size.ws_row = 24;
   size.ws_col = 80;
@@ -41,14 +56,14 @@ Outcome RunOnTerminal(const std::vector<std::string>& arguments,
   if (pid == 0) {
     Execute(arguments, environment);
   }
-  if (::write(terminal, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size())) {
-    throw std::system_error(errno, std::generic_category(), "write to a terminal");
-  }
   Outcome outcome{};
-  std::array<char, 4096> chunk{};
-  // The last program to leave a terminal ends it with EIO.
-  for (ssize_t got = 0; (got = ::read(terminal, chunk.data(), chunk.size())) > 0;) {
-    outcome.output.append(chunk.data(), static_cast<std::size_t>(got));
+  if (when_asked) {
+    while (!outcome.output.ends_with("? [y/N] ") && ReadOn(terminal, outcome.output)) {
+    }
+    when_asked();
+  }
+  Type(terminal, typed);
+  while (ReadOn(terminal, outcome.output)) {
   }
   ::close(terminal);
   int status = 0;

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <exception>
 #include <new>
 #include <string>
@@ -26,6 +29,13 @@ void LogRefusal(const std::string& path, const std::string& reason) {
   maillog(4, "%s:%d not removed: %s: %s", kSourceFile, kRefusedLine, path.c_str(), reason.c_str());
 }
 
+// What is mounted in the place of a mail directory lies somewhere else, too, as a rule.
+bool IsMounted(const quillon::platform::FileDescriptor& folder) {
+  struct statx status {};
+  return ::statx(folder.Get(), "", AT_EMPTY_PATH, 0, &status) != 0 ||
+         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
 // Why the directory is not to be removed; empty when nothing speaks against it.
 std::string ObjectionTo(const MaildirAt& found, const BaseMaildir& record) {
   if (found.state != MaildirAt::kMaildir) {
@@ -33,6 +43,9 @@ std::string ObjectionTo(const MaildirAt& found, const BaseMaildir& record) {
   }
   if (found.uid != record.uid) {
     return fmt::format("it belongs to uid {}, not {}", found.uid, record.uid);
+  }
+  if (IsMounted(found.folder)) {
+    return "something is mounted there";
   }
   if (record.account.empty()) {
     return quillon::platform::IsNobodyAskedAfresh(record.uid)
@@ -45,7 +58,7 @@ std::string ObjectionTo(const MaildirAt& found, const BaseMaildir& record) {
                            record.uid, record.account);
 }
 
-// The directory is not what was counted, whether or not all of it is gone.
+// The directory is not what was counted, whether or not all of it goes.
 void DropFigure(const std::string& path) {
   try {
     quillon::platform::DropCachedUsage(path);
@@ -63,6 +76,9 @@ bool Remove(const BaseMaildir& record) {
       LogRefusal(record.path, objection);
       return false;
     }
+    // Before, for the case that the removal is killed; and again, because it may be counted
+    // meanwhile.
+    DropFigure(record.path);
     is_gone = quillon::platform::RemoveTree(found.domain, found.account, found.folder, record.path);
   }
   DropFigure(record.path);

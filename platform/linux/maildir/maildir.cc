@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -155,11 +157,30 @@ struct stat StatusOf(const FileDescriptor& folder, const std::string& path) {
 
 }  // namespace
 
+// A scan asks 100,000 times. The root is as good as fixed, but a link on the way to it may turn.
 std::string MaildirRoot() {
-  const std::string root = CurrentConfiguration()->maildir.root;
-  std::error_code error;
-  const std::filesystem::path canonical = std::filesystem::canonical(root, error);
-  return error ? root : canonical.string();
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kLookInterval{50};
+  static std::mutex mutex;
+  static std::string configured;
+  static std::string canonical;
+  static Clock::time_point looked_at;
+
+  const auto configuration = CurrentConfiguration();
+  const std::string& root = configuration->maildir.root;
+  const auto now = Clock::now();
+  const std::lock_guard lock(mutex);
+  if (root != configured || now - looked_at > kLookInterval) {
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::canonical(root, error);
+    if (error) {
+      return root;
+    }
+    configured = root;
+    canonical = path.string();
+    looked_at = now;
+  }
+  return canonical;
 }
 
 std::string MaildirPath(const std::string& account) {

@@ -140,11 +140,11 @@ class Removal : private TreeWalk {
     if (type == DT_DIR) {
       return true;
     }
-    if (::unlinkat(Folder(), name, 0) == 0 || errno == ENOENT) {
+    if (Unlink(Folder(), name, 0)) {
       return false;
     }
     if (errno != EISDIR) {
-      NoteLeft(PathOf(name), Reason(errno));
+      NoteLeft(name, errno);
       return false;
     }
     return true;
@@ -152,27 +152,27 @@ class Removal : private TreeWalk {
 
   void Leave(const char* name) override {
     if (!IsInTopFolder() || !IsMaildirFolder(name)) {
-      RemoveEntry(Folder(), name, AT_REMOVEDIR, PathOf(name));
+      RemoveEntry(Folder(), name, AT_REMOVEDIR);
     }
   }
 
   void CannotEnter(const char* name, int error) override {
     if (IsReplaced(error)) {
-      RemoveEntry(Folder(), name, 0, PathOf(name));
+      RemoveEntry(Folder(), name, 0);
     } else if (error != ENOENT) {
       // EXDEV tells a reader less than what the removal of a mount point fails with.
-      NoteLeft(PathOf(name), Reason(error == EXDEV ? EBUSY : error));
+      NoteLeft(name, error == EXDEV ? EBUSY : error);
     }
   }
 
-  void CannotRead(int error) override { NoteLeft(FolderPath(), Reason(error)); }
-  void LoseWay() override { NoteLeft(FolderPath(), kMoved); }
+  void CannotRead(int error) override { NoteFolderLeft(Reason(error)); }
+  void LoseWay() override { NoteFolderLeft(kMoved); }
 
   // The walk is over, so that `FolderPath` is that of the mail directory.
   bool RemoveMaildirItself(const FileDescriptor& parent, const std::string& name,
                            const FileDescriptor& maildir) {
     for (const char* folder : kMaildirFolders) {
-      if (!RemoveEntry(maildir.Get(), folder, AT_REMOVEDIR, PathOf(folder))) {
+      if (!RemoveEntry(maildir.Get(), folder, AT_REMOVEDIR)) {
         return false;
       }
     }
@@ -182,10 +182,14 @@ class Removal : private TreeWalk {
       return true;  // somebody else was faster
     }
     if (!is_known || !IsEntry(parent, name, status)) {
-      NoteLeft(FolderPath(), kMoved);
+      NoteFolderLeft(kMoved);
       return false;
     }
-    return RemoveEntry(parent.Get(), name.c_str(), AT_REMOVEDIR, FolderPath());
+    if (!Unlink(parent.Get(), name.c_str(), AT_REMOVEDIR)) {
+      NoteFolderLeft(Reason(errno));
+      return false;
+    }
+    return true;
   }
 
   // A mail directory in which something new has turned up must not look like none for that.
@@ -206,18 +210,32 @@ class Removal : private TreeWalk {
            entry.st_dev == folder.st_dev && entry.st_ino == folder.st_ino;
   }
 
-  // Answers whether it is gone.
-  bool RemoveEntry(int folder, const char* name, int flags, const std::string& path) {
-    if (::unlinkat(folder, name, flags) == 0 || errno == ENOENT) {
+  // Answers whether it is gone, else errno has the reason.
+  static bool Unlink(int folder, const char* name, int flags) {
+    return ::unlinkat(folder, name, flags) == 0 || errno == ENOENT;
+  }
+
+  // The same, but it is noted.
+  bool RemoveEntry(int folder, const char* name, int flags) {
+    if (Unlink(folder, name, flags)) {
       return true;
     }
-    NoteLeft(path, Reason(errno));
+    NoteLeft(name, errno);
     return false;
   }
 
-  void NoteLeft(const std::string& path, const std::string& reason) {
+  // A path is made for the first one only: far below, paths are so long that a removal would do
+  // little else.
+  void NoteLeft(const char* name, int error) {
     if (left_ == 0) {
-      reason_ = Message(path, reason);
+      reason_ = Message(PathOf(name), Reason(error));
+    }
+    ++left_;
+  }
+
+  void NoteFolderLeft(const std::string& reason) {
+    if (left_ == 0) {
+      reason_ = Message(FolderPath(), reason);
     }
     ++left_;
   }

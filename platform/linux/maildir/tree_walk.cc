@@ -106,7 +106,7 @@ void TreeWalk::Enter(const std::string& name) {
   path_.append("/").append(name);
   levels_.emplace_back(std::move(directory), path_.size());
   if (levels_.size() > kOpenLevels) {
-    Put(levels_[levels_.size() - kOpenLevels - 1]);
+    Close(levels_[levels_.size() - kOpenLevels - 1]);
   }
 }
 
@@ -119,7 +119,7 @@ void TreeWalk::GoUp() {
   Level& level = levels_.back();
   const std::string name = path_.substr(level.path_length + 1);
   path_.resize(level.path_length);
-  if (!level.directory.IsOpen() && !Find(level, child)) {
+  if (!level.directory.IsOpen() && !FindAgain(level, child)) {
     LoseWay();
     levels_.clear();
     return;
@@ -129,7 +129,7 @@ void TreeWalk::GoUp() {
 }
 
 // Closes a folder, to be found again.
-void TreeWalk::Put(Level& level) {
+void TreeWalk::Close(Level& level) {
   if (!level.directory.IsOpen()) {
     return;
   }
@@ -142,7 +142,7 @@ void TreeWalk::Put(Level& level) {
   level.directory = Directory();
 }
 
-bool TreeWalk::Find(Level& level, const Directory& child) {
+bool TreeWalk::FindAgain(Level& level, const Directory& child) {
   Directory directory(OpenFolder(child.Get(), "..", 0));
   struct stat status {};
   if (!directory.IsOpen() || ::fstat(directory.Get(), &status) != 0 ||

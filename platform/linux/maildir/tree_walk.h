@@ -39,10 +39,11 @@ class TreeWalk {
 
  private:
   struct Level {
-    explicit Level(Directory opened, std::size_t path_length_so_far)
+    Level(Directory opened, std::size_t path_length_so_far)
         : directory(std::move(opened)), path_length(path_length_so_far) {}
 
-    Directory directory;  // closed while the walk is far below, then the next three find it again
+    Directory directory;  // closed while the walk is far below
+    // By these it is found again.
     dev_t device = 0;
     ino_t inode = 0;
     long position = 0;
@@ -76,8 +77,8 @@ class TreeWalk {
   bool ReadBatch();
   void Enter(const std::string& name);
   void GoUp();
-  static void Put(Level& level);
-  static bool Find(Level& level, const Directory& child);
+  static void Close(Level& level);
+  static bool FindAgain(Level& level, const Directory& child);
 
   std::string path_;
   std::vector<Level> levels_;

@@ -20,8 +20,9 @@ class BaseMaildir {
   /// longer, a mail directory that belongs to whom the record says. Of a directory that was
   /// found to be nobody's it is asked again whether its uid is nobody's, past everything that
   /// remembers an earlier answer: a uid whose owner cannot be found out is not. Follows no link and
-  /// enters nothing that is mounted. What cannot be removed does not keep the rest from going; the
-  /// directory stays recognisable as a mail directory as long as anything is left in it.
+  /// enters nothing that is mounted, the directory itself included. What cannot be removed does not
+  /// keep the rest from going; the directory stays recognisable as a mail directory as long as
+  /// anything is left in it.
   bool Delete() const;
 };
 
