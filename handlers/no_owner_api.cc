@@ -37,15 +37,16 @@ constexpr int kVersion = 1;
 constexpr char kSourceFile[] = "handlers/no_owner_api";
 constexpr int kNoRootLine = 41;
 
-// The scan takes a root that is not there for one without directories: with a disk that is not
-// mounted, or a slip in the configuration, everything would seem to be in order.
-void RequireMaildirRoot() {
+// The scan takes a root that is not there for one without directories, and finds none when it
+// cannot tell whose they are: everything would seem to be in order.
+void RequireUsableScan() {
   const std::string root = velamailserver::conf::SmtpExt().MaildirPath();
   std::error_code error;
   RunAsRoot("look for the maildir root", [&] {
     if (!std::filesystem::is_directory(root, error) && !error) {
       error = std::make_error_code(std::errc::not_a_directory);
     }
+    platform::RequireKnownOwners();
   });
   if (error) {
     throw LogException(velamailserver::ERR_LSTAT_FILE, root + " (maildir.root): " + error.message(),
@@ -86,7 +87,7 @@ Json::Value List(const Json::Value& params) {
   const std::string sort_direction = parameters.Has("sort_direction")
                                          ? parameters.Choice("sort_direction", {"ASC", "DESC"})
                                          : "ASC";
-  RequireMaildirRoot();
+  RequireUsableScan();
 
   NoOwner no_owner;
   Json::Value answer = no_owner.List(offset, limit, keyword, sort_by, sort_direction);
@@ -115,7 +116,7 @@ Json::Value ReadStatus(const Json::Value& params) {
 
 Json::Value Refresh(const Json::Value& params) {
   const Parameters parameters(params, {});
-  RequireMaildirRoot();
+  RequireUsableScan();
 
   NoOwner no_owner;
   const Json::Value status = Status();
@@ -219,7 +220,7 @@ Json::Value Remove(const Json::Value& params) {
   const Parameters parameters(params, {"uids", "dry_run"});
   const std::vector<std::uint32_t> uids = ReadUids(parameters);
   const bool is_dry_run = parameters.Has("dry_run") && parameters.Flag("dry_run");
-  RequireMaildirRoot();
+  RequireUsableScan();
 
   NoOwner no_owner;
   const std::vector<NoOwnerMaildir> maildirs = Find(uids, no_owner);

@@ -261,6 +261,27 @@ TEST_F(NoOwnerAPITest, AMissingMaildirRootIsNotAnEmptyOne) {
   expect_failures("Not a directory");
 }
 
+TEST_F(NoOwnerAPITest, AccountsThatCannotBeUsedAreNotAnEmptyList) {
+  const std::string passwd = world_.folder() / "passwd";
+  Json::Value uids;
+  uids["uids"].append(kDora);
+  const auto expect_failures = [&](const std::string& reason) {
+    for (const char* method : {"list", "refresh", "remove"}) {
+      const Json::Value params = method == std::string("remove") ? uids : Json::Value();
+      const Json::Value error = Exec(method, params)["error"];
+      EXPECT_EQ(error["code"].asInt(), velamailserver::ERR_SDK_USER_ENUM) << method;
+      EXPECT_EQ(error["message"].asString(),
+                "cannot find out whose the mail directories are: " + passwd + reason);
+    }
+    EXPECT_TRUE(Exists("dora"));
+  };
+  const std::string accounts = world_.folder().Read("passwd");
+  world_.folder().Write("passwd", accounts + "torn:x:10\n");
+  expect_failures(": line 4 is not an account entry");
+  std::filesystem::remove(passwd);
+  expect_failures(": No such file or directory");
+}
+
 TEST_F(NoOwnerAPITest, BecomesRootForWhatOnlyRootMay) {
   Count();
   {

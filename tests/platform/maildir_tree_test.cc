@@ -22,7 +22,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
-#include <cstring>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <limits>

@@ -35,6 +35,7 @@ namespace quillon::platform {
 namespace {
 
 using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Optional;
 using testing::UnorderedElementsAre;
@@ -439,7 +440,9 @@ TEST_F(RemovedMaildir, IsGoneWithItsFigure) {
   ExpectUntouched(spool_ + "/local/gone2");
 
   EXPECT_TRUE(maildir.Delete()) << "it is gone";
-  EXPECT_EQ(Log(), "");
+  const std::string line = "removed: " + gone_ + " of uid " + std::to_string(maildir.uid) + "\n";
+  EXPECT_THAT(Log(), EndsWith(line));
+  EXPECT_EQ(Log().find('\n'), Log().size() - 1) << "one line, for the first time";
 }
 
 TEST_F(RemovedMaildir, HasNoFigureOnceItsRemovalHasBegun) {

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/no_owner_usage.h>
 #include <velamailserver/log_exception.h>
 #include <velamailserver/maillog.h>
 
@@ -26,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kSourceFile[] = "platform/linux/accounts/nobody";
 constexpr int kCannotTellLine = 34;
+constexpr int kOwnersUnknownLine = 51;
 
 // The reason is as a rule the same for every directory of a scan.
 void LogOnceAMinute(const std::string& reason) {
@@ -89,6 +91,23 @@ bool IsNobodyAskedAfresh(std::uint32_t uid) {
   return AnswerOf([uid] {
     return !IsInFilesReadAnew(uid) && IsUnknownToNameServices(uid) && FindHostUser(uid) == nullptr;
   });
+}
+
+void RequireKnownOwners() {
+  constexpr std::uint32_t kUnlikelyUid = 4'294'967'294;
+  try {
+    IsInUsersFiles(kUnlikelyUid);
+    IsUnknownToNameServices(kUnlikelyUid);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const velamailserver::LogException&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw velamailserver::LogException(
+        velamailserver::ERR_SDK_USER_ENUM,
+        fmt::format("cannot find out whose the mail directories are: {}", error.what()), 3,
+        kSourceFile, kOwnersUnknownLine);
+  }
 }
 
 bool IsAccountAskedAfresh(std::uint32_t uid, const std::string& account) {

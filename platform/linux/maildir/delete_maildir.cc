@@ -24,6 +24,7 @@ using quillon::platform::MaildirAt;
 
 constexpr char kSourceFile[] = "platform/linux/maildir/delete_maildir";
 constexpr int kRefusedLine = 42;
+constexpr int kRemovedLine = 71;
 
 void LogRefusal(const std::string& path, const std::string& reason) {
   maillog(4, "%s:%d not removed: %s: %s", kSourceFile, kRefusedLine, path.c_str(), reason.c_str());
@@ -80,6 +81,10 @@ bool Remove(const BaseMaildir& record) {
     // meanwhile.
     DropFigure(record.path);
     is_gone = quillon::platform::RemoveTree(found.domain, found.account, found.folder, record.path);
+    if (is_gone) {
+      maillog(6, "%s:%d removed: %s of uid %u", kSourceFile, kRemovedLine, record.path.c_str(),
+              record.uid);
+    }
   }
   DropFigure(record.path);
   return is_gone;

@@ -17,6 +17,11 @@ struct MaildirContents {
 /// several threads.
 std::optional<MaildirContents> MeasureMaildir(const std::string& path);
 
+/// Throws `LogException` with `ERR_SDK_USER_ENUM` when it cannot be found out whose a directory is,
+/// because an accounts file or a name service cannot be used: every directory is somebody's then,
+/// and a scan finds none. Needs what reading the accounts files needs.
+void RequireKnownOwners();
+
 /// How many recounts of the ownerless mail directories were brought to their end, 0 before the
 /// first. Never falls. Throws `LogException` when the cache cannot be read.
 std::uint64_t NoOwnerUsageGeneration();
