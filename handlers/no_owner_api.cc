@@ -42,7 +42,7 @@ constexpr int kNoRootLine = 41;
 void RequireUsableScan() {
   const std::string root = velamailserver::conf::SmtpExt().MaildirPath();
   std::error_code error;
-  RunAsRoot("look for the maildir root", [&] {
+  RunAsRoot("prepare no owner scan", [&] {
     if (!std::filesystem::is_directory(root, error) && !error) {
       error = std::make_error_code(std::errc::not_a_directory);
     }

@@ -85,6 +85,7 @@ TEST_F(FileLock, HasOneHolderAmongProcesses) {
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
   const pid_t holder = ::fork();
+  ASSERT_GE(holder, 0);
   if (holder == 0) {
     const FileLockGuard lock(path_);
     static_cast<void>(::write(ready[1], "x", 1));

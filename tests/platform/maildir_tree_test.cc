@@ -6,6 +6,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -28,6 +30,7 @@
 #include <limits>
 #include <set>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -78,14 +81,22 @@ using velamailserver::LogException;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// A process that does the same over and over again, as long as the object lives.
+// A process that does the same over and over again, as long as the object lives, and counts how
+// often it succeeded.
 class Busy {
  public:
-  explicit Busy(const std::function<void()>& work) : pid_(::fork()) {
+  explicit Busy(const std::function<bool()>& work)
+      : successes_(static_cast<std::atomic<int>*>(::mmap(nullptr, sizeof(std::atomic<int>),
+                                                         PROT_READ | PROT_WRITE,
+                                                         MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
+        pid_(::fork()) {
+    if (pid_ < 0) {
+      throw std::system_error(errno, std::generic_category(), "fork");
+    }
     if (pid_ == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       while (true) {
-        work();
+        *successes_ += work() ? 1 : 0;
       }
     }
   }
@@ -94,10 +105,14 @@ class Busy {
   ~Busy() {
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
+    ::munmap(successes_, sizeof(std::atomic<int>));
   }
 
+  int successes() const { return *successes_; }
+
  private:
-  pid_t pid_;
+  std::atomic<int>* const successes_;
+  const pid_t pid_;
 };
 
 std::set<std::string> Names(const std::string& folder) {
@@ -976,19 +991,26 @@ class Swapped : public MaildirTree {
     }
   }
 
-  std::function<void()> Swap() const {
+  // Answers whether it has exchanged any.
+  std::function<bool()> Swap() const {
     return [this] {
+      bool is_swapped = false;
       for (const std::string folder : {"", "a/", "a/b/"}) {
-        ::renameat2(AT_FDCWD, Path(folder + "victim").c_str(), AT_FDCWD,
-                    Path(folder + "link").c_str(), RENAME_EXCHANGE);
+        is_swapped |= ::renameat2(AT_FDCWD, Path(folder + "victim").c_str(), AT_FDCWD,
+                                  Path(folder + "link").c_str(), RENAME_EXCHANGE) == 0;
       }
+      return is_swapped;
     };
   }
+
+  // Fewer would hardly hit a walk.
+  static constexpr int kEnoughSwaps = 100;
 };
 
 TEST_F(Swapped, MeasuringNeverFollowsIt) {
   const Busy attacker(Swap());
   ForASecond([this] { EXPECT_LE(Bytes(), 6U); });
+  EXPECT_GE(attacker.successes(), kEnoughSwaps);
 }
 
 TEST_F(Swapped, RemovingNeverFollowsIt) {
@@ -1000,6 +1022,7 @@ TEST_F(Swapped, RemovingNeverFollowsIt) {
     ASSERT_TRUE(fs::exists(folder_ / "outside/cur/sub/canary"));
     Prepare();
   });
+  EXPECT_GE(attacker.successes(), kEnoughSwaps);
 }
 
 TEST_F(Removing, StaysRecognisableWhileMessagesAreDelivered) {
@@ -1010,8 +1033,9 @@ TEST_F(Removing, StaysRecognisableWhileMessagesAreDelivered) {
     if (put("tmp/1")) {
       ::rename(Path("tmp/1").c_str(), Path("new/1").c_str());
     }
-    put("index");
+    const bool is_put = put("index");
     ::mkdir(Path(".Sent").c_str(), 0700);
+    return is_put;
   });
   int left = 0;
   ForASecond([&] {
