@@ -1,28 +1,22 @@
 #include <limits>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include <gmock/gmock.h>
-#include <json/reader.h>
 
 #include <velamailserver/log_exception.h>
 #include <velamailserver/run_api.h>
 
 #include "recording_platform/world_test.h"
+#include "support/parse_json.h"
 
 namespace velamailserver::webapi {
 namespace {
 
+using quillon::test::Parse;
 using recording::LogRecord;
 using recording::Throw;
 using testing::ElementsAre;
-
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  std::istringstream(text) >> value;
-  return value;
-}
 
 class RunWebapiTest : public recording::WorldTest {
  protected:

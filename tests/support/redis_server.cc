@@ -1,17 +1,14 @@
 #include "support/redis_server.h"
 
-#include <arpa/inet.h>
 #include <hiredis/hiredis.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
+
+#include "support/loopback.h"
 
 namespace quillon::test {
 
@@ -25,20 +22,6 @@ struct FreeReply {
 };
 using Context = std::unique_ptr<redisContext, FreeContext>;
 using Reply = std::unique_ptr<redisReply, FreeReply>;
-
-int FreePort() {
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(listener, generic, length) != 0 || ::getsockname(listener, generic, &length) != 0) {
-    throw std::system_error(errno, std::generic_category(), "no free port");
-  }
-  ::close(listener);
-  return ntohs(address.sin_port);
-}
 
 Reply Execute(redisContext* context, const std::vector<std::string>& arguments) {
   std::vector<const char*> texts;

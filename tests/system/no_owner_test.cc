@@ -95,7 +95,10 @@ class NoOwnerTest : public testing::Test {
   Outcome NoOwnerOnTerminal(std::vector<std::string> arguments, const std::string& typed = "",
                             const std::function<void()>& when_asked = nullptr) const {
     arguments.insert(arguments.begin(), "no-owner");
-    return RunOnTerminal(world_.CommandLine(arguments), {}, typed, when_asked);
+    if (when_asked) {
+      return Converse(world_.CommandLine(arguments), {{"? [y/N] ", typed, when_asked}});
+    }
+    return RunOnTerminal(world_.CommandLine(arguments), {}, typed);
   }
 
   bool Exists(const std::string& account) const {

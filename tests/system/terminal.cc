@@ -26,50 +26,94 @@ namespace {
   ::_exit(127);
 }
 
-// Answers false when the last program has left the terminal, which ends it with EIO.
-bool ReadOn(int terminal, std::string& output) {
-  std::array<char, 4096> chunk{};
-  const ssize_t got = ::read(terminal, chunk.data(), chunk.size());
-  output.append(chunk.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
-  return got > 0;
-}
-
-void Type(int terminal, const std::string& text) {
-  if (::write(terminal, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    throw std::system_error(errno, std::generic_category(), "write to a terminal");
+// A program on a terminal of its own.
+class Terminal {
+ public:
+  Terminal(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = 80;
+    pid_ = ::forkpty(&terminal_, nullptr, nullptr, &size);
+    if (pid_ < 0) {
+      throw std::system_error(errno, std::generic_category(), "forkpty");
+    }
+    if (pid_ == 0) {
+      Execute(arguments, environment);
+    }
   }
-}
+
+  void Type(const std::string& text) const {
+    if (::write(terminal_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      throw std::system_error(errno, std::generic_category(), "write to a terminal");
+    }
+  }
+
+  // False when the program has ended without showing the text.
+  bool WaitFor(const std::string& text) {
+    while (true) {
+      const auto found = output_.find(text, used_);
+      if (found != std::string::npos) {
+        used_ = found + text.size();
+        return true;
+      }
+      if (!Read()) {
+        return false;
+      }
+    }
+  }
+
+  Outcome Finish() {
+    while (Read()) {
+    }
+    ::close(terminal_);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    Outcome outcome{};
+    outcome.output = output_;
+    outcome.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return outcome;
+  }
+
+ private:
+  // The last program to leave a terminal ends it with EIO.
+  bool Read() {
+    std::array<char, 4096> chunk{};
+    const ssize_t got = ::read(terminal_, chunk.data(), chunk.size());
+    if (got <= 0) {
+      return false;
+    }
+    output_.append(chunk.data(), static_cast<std::size_t>(got));
+    return true;
+  }
+
+  int terminal_ = -1;
+  pid_t pid_ = -1;
+  std::string output_;
+  std::size_t used_ = 0;
+};
 
 }  // namespace
 
 Outcome RunOnTerminal(const std::vector<std::string>& arguments,
-                      const std::vector<std::string>& environment, const std::string& typed,
-                      const std::function<void()>& when_asked) {
-  winsize size{};
-  size.ws_row = 24;
-  size.ws_col = 80;
-  int terminal = -1;
-  const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, &size);
-  if (pid < 0) {
-    throw std::system_error(errno, std::generic_category(), "forkpty");
-  }
-  if (pid == 0) {
-    Execute(arguments, environment);
-  }
-  Outcome outcome{};
-  if (when_asked) {
-    while (!outcome.output.ends_with("? [y/N] ") && ReadOn(terminal, outcome.output)) {
+                      const std::vector<std::string>& environment, const std::string& typed) {
+  Terminal terminal(arguments, environment);
+  terminal.Type(typed);
+  return terminal.Finish();
+}
+
+Outcome Converse(const std::vector<std::string>& arguments,
+                 const std::vector<Exchange>& exchanges) {
+  Terminal terminal(arguments, {});
+  for (const Exchange& exchange : exchanges) {
+    if (!terminal.WaitFor(exchange.prompt)) {
+      break;
     }
-    when_asked();
+    if (exchange.when_asked) {
+      exchange.when_asked();
+    }
+    terminal.Type(exchange.typed);
   }
-  Type(terminal, typed);
-  while (ReadOn(terminal, outcome.output)) {
-  }
-  ::close(terminal);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  outcome.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return outcome;
+  return terminal.Finish();
 }
 
 }  // namespace quillon::test

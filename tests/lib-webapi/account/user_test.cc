@@ -2,24 +2,24 @@
 #include <iterator>
 #include <limits>
 #include <new>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <json/reader.h>
 
 #include <velamailserver/account/user.h>
 #include <velamailserver/log_exception.h>
 
 #include "recording_platform/world_test.h"
+#include "support/parse_json.h"
 #include "support/typed_json.h"
 
 namespace velamailserver::webapi {
 namespace {
 
+using quillon::test::Parse;
 using quillon::test::Typed;
 using recording::LogRecord;
 using recording::Throw;
@@ -36,12 +36,6 @@ constexpr char kSkipFormat[] = "lib-webapi/account/user:88 skip updating [%s]'s 
 
 static_assert(std::is_base_of_v<account::MailboxQuota, User>);
 static_assert(sizeof(User) == sizeof(account::MailboxQuota), "no data of its own");
-
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  std::istringstream(text) >> value;
-  return value;
-}
 
 class UserTest : public recording::WorldTest {
  protected:
