@@ -11,13 +11,18 @@
 
 namespace quillon::platform {
 
-FileText ReadFileText(const std::string& path, std::size_t most_bytes) {
+FileText ReadFileText(const std::string& path, std::size_t most_bytes, Links links) {
   const auto fail_as_too_large = [&] {
     throw FileError(EFBIG, path, fmt::format("is larger than {} KiB", most_bytes / 1024));
   };
   // Without waiting, so that a FIFO in the file's place cannot hold us up.
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const int no_link = links == Links::kRefuse ? O_NOFOLLOW : 0;
+  const FileDescriptor file(
+      ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | no_link));
   FileText result{};
+  if (!file.IsOpen() && errno == ELOOP && links == Links::kRefuse) {
+    throw FileError(ELOOP, path, "is a link");
+  }
   if (!file.IsOpen() || ::fstat(file.Get(), &result.status) != 0) {
     throw FileError(errno, path);
   }

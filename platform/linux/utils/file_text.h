@@ -28,7 +28,11 @@ struct FileText {
   std::string text;
 };
 
+/// Whether a link in a file's place is followed or refused.
+enum class Links { kFollow, kRefuse };
+
 /// Reads a regular file of at most `most_bytes`. Throws `FileError`.
-FileText ReadFileText(const std::string& path, std::size_t most_bytes);
+FileText ReadFileText(const std::string& path, std::size_t most_bytes,
+                      Links links = Links::kFollow);
 
 }  // namespace quillon::platform

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace quillon::platform {
+
+/// Overwrites a text and empties it. What a shorter text or a move has left behind in its memory
+/// goes, too.
+inline void Wipe(std::string& text) {
+  text.resize(text.capacity());
+  ::explicit_bzero(text.data(), text.size());
+  text.clear();
+}
+
+/// A text that is overwritten before its memory is given up.
+class Secret {
+ public:
+  Secret() = default;
+  explicit Secret(std::string_view text) : text_(text) {}
+  Secret(const Secret& other) = default;
+  Secret(Secret&& other) noexcept : text_(std::move(other.text_)) { Wipe(other.text_); }
+  /// The old text goes with `other`.
+  Secret& operator=(Secret other) noexcept {
+    text_.swap(other.text_);
+    return *this;
+  }
+  ~Secret() { Wipe(text_); }
+
+  void Set(std::string_view text) { *this = Secret(text); }
+
+  bool IsEmpty() const { return text_.empty(); }
+  const std::string& Get() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
+}  // namespace quillon::platform
