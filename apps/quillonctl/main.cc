@@ -12,6 +12,7 @@
 #include <quillon/handlers/register.h>
 #include <quillon/platform/configuration.h>
 
+#include "account_commands.h"
 #include "api_call.h"
 #include "command.h"
 #include "no_owner_commands.h"
@@ -77,6 +78,7 @@ int Execute(int argc, char** argv) {
   AddUserCommands(app, command);
   AddUsageCommands(app, command);
   AddNoOwnerCommands(app, command);
+  AddAccountCommands(app, command);
   try {
     RefuseBrackets(argc, argv);
     app.parse(argc, argv);

@@ -75,6 +75,8 @@ database = 3
 connect_timeout = 1
 command_timeout = 2
 key_template = "usage:{name}"
+[web]
+accounts_file = "/a/web-accounts"
 [log]
 target = "file"
 file = "/a/log"
@@ -97,6 +99,7 @@ file = "/a/log"
   EXPECT_EQ(configuration.usage.connect_timeout, 1);
   EXPECT_EQ(configuration.usage.command_timeout, 2);
   EXPECT_EQ(configuration.usage.key_template, "usage:{name}");
+  EXPECT_EQ(configuration.web.accounts_file, "/a/web-accounts");
   EXPECT_EQ(configuration.log.target, "file");
   EXPECT_EQ(configuration.log.file, "/a/log");
 }

@@ -61,7 +61,13 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"no-owner", "remove", "--yes", "0x5"},
         std::vector<std::string>{"no-owner", "remove", "--yes", "--", "-1"},
         std::vector<std::string>{"no-owner", "remove", "--yes", "4294967296"},
-        std::vector<std::string>{"no-owner", "remove", "3000001"}));
+        std::vector<std::string>{"no-owner", "remove", "3000001"},
+        std::vector<std::string>{"account"}, std::vector<std::string>{"account", "add"},
+        std::vector<std::string>{"account", "add", "alice", "--role", "root"},
+        std::vector<std::string>{"account", "add", "alice", "a password"},
+        std::vector<std::string>{"account", "list", "alice"},
+        std::vector<std::string>{"account", "role", "alice"},
+        std::vector<std::string>{"account", "role", "alice", "root"}));
 
 class HelpTest : public testing::TestWithParam<std::vector<std::string>> {};
 
@@ -75,18 +81,20 @@ TEST_P(HelpTest, GivesAnExample) {
   EXPECT_THAT(outcome.output, HasSubstr("\nExample: quillonctl "));
 }
 
-INSTANTIATE_TEST_SUITE_P(Commands, HelpTest,
-                         testing::Values(std::vector<std::string>{},
-                                         std::vector<std::string>{"user"},
-                                         std::vector<std::string>{"user", "list"},
-                                         std::vector<std::string>{"user", "set-quota"},
-                                         std::vector<std::string>{"user", "clear-quota"},
-                                         std::vector<std::string>{"usage"},
-                                         std::vector<std::string>{"usage", "count"},
-                                         std::vector<std::string>{"no-owner"},
-                                         std::vector<std::string>{"no-owner", "list"},
-                                         std::vector<std::string>{"no-owner", "refresh"},
-                                         std::vector<std::string>{"no-owner", "remove"}));
+INSTANTIATE_TEST_SUITE_P(
+    Commands, HelpTest,
+    testing::Values(
+        std::vector<std::string>{}, std::vector<std::string>{"user"},
+        std::vector<std::string>{"user", "list"}, std::vector<std::string>{"user", "set-quota"},
+        std::vector<std::string>{"user", "clear-quota"}, std::vector<std::string>{"usage"},
+        std::vector<std::string>{"usage", "count"}, std::vector<std::string>{"no-owner"},
+        std::vector<std::string>{"no-owner", "list"},
+        std::vector<std::string>{"no-owner", "refresh"},
+        std::vector<std::string>{"no-owner", "remove"}, std::vector<std::string>{"account"},
+        std::vector<std::string>{"account", "add"}, std::vector<std::string>{"account", "list"},
+        std::vector<std::string>{"account", "remove"},
+        std::vector<std::string>{"account", "passwd"},
+        std::vector<std::string>{"account", "role"}));
 
 TEST(CommandLineTest, TellsItsVersion) {
   const Outcome outcome = test::Run({QuillonctlPath(), "--version"});

@@ -201,6 +201,7 @@ Configuration Read(const std::string& path, const toml::table& document) {
                {"connect_timeout", r.Number(c.usage.connect_timeout, 1, kLongestTimeout)},
                {"command_timeout", r.Number(c.usage.command_timeout, 1, kLongestTimeout)},
                {"key_template", r.Text(c.usage.key_template, ObjectToKeyTemplate)}})},
+       {"web", table("web", {{"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)}})},
        {"log", table("log", {{"target", r.Text(c.log.target, ObjectToLogTarget)},
                              {"file", r.Text(c.log.file, ObjectToOptionalPath)}})}});
 

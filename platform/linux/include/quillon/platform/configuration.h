@@ -50,6 +50,10 @@ struct Configuration {
     std::string key_template = "{name}/quota/storage";  ///< holds "{name}" exactly once
   } usage;
 
+  struct Web {
+    std::string accounts_file = "/etc/quillon/web-accounts";  ///< who may log in
+  } web;
+
   struct Log {
     std::string target = "syslog";  ///< "syslog", "file" or "stderr"
     std::string file;               ///< path of the log, with the target "file"
