@@ -50,6 +50,10 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.quota.store, "sqlite:///var/lib/quillon/quota.db");
   EXPECT_EQ(configuration.usage.key_template, "{name}/quota/storage");
   EXPECT_EQ(configuration.log.target, "syslog");
+  EXPECT_TRUE(configuration.cluster.allow_http);
+  EXPECT_EQ(configuration.cluster.ca_file, "");
+  EXPECT_EQ(configuration.cluster.trusted_hosts, "/etc/quillon/trusted-hosts");
+  EXPECT_EQ(configuration.cluster.max_answer, 16777216);
 }
 
 TEST_F(ConfigurationFile, SetsEveryKey) {
@@ -75,6 +79,11 @@ database = 3
 connect_timeout = 1
 command_timeout = 2
 key_template = "usage:{name}"
+[cluster]
+allow_http = false
+ca_file = "/a/ca.pem"
+trusted_hosts = "/a/trusted-hosts"
+max_answer = 1024
 [web]
 accounts_file = "/a/web-accounts"
 [log]
@@ -99,6 +108,10 @@ file = "/a/log"
   EXPECT_EQ(configuration.usage.connect_timeout, 1);
   EXPECT_EQ(configuration.usage.command_timeout, 2);
   EXPECT_EQ(configuration.usage.key_template, "usage:{name}");
+  EXPECT_FALSE(configuration.cluster.allow_http);
+  EXPECT_EQ(configuration.cluster.ca_file, "/a/ca.pem");
+  EXPECT_EQ(configuration.cluster.trusted_hosts, "/a/trusted-hosts");
+  EXPECT_EQ(configuration.cluster.max_answer, 1024);
   EXPECT_EQ(configuration.web.accounts_file, "/a/web-accounts");
   EXPECT_EQ(configuration.log.target, "file");
   EXPECT_EQ(configuration.log.file, "/a/log");
@@ -117,6 +130,8 @@ TEST_F(ConfigurationFile, RefusesWrongTypes) {
   EXPECT_EQ(FailureOf("[accounts]\nmin_uid = 10.5\n"),
             At(2, "accounts.min_uid: must be a whole number"));
   EXPECT_EQ(FailureOf("[maildir]\n\nroot = 5\n"), At(3, "maildir.root: must be a string"));
+  EXPECT_EQ(FailureOf("[cluster]\nallow_http = 1\n"),
+            At(2, "cluster.allow_http: must be true or false"));
   EXPECT_EQ(FailureOf("accounts = 5\n"), At(1, "accounts: must be a table"));
   EXPECT_EQ(FailureOf("[accounts]\npasswd_file.x = 5\n"),
             At(2, "accounts.passwd_file: must be a string"));
@@ -146,6 +161,10 @@ INSTANTIATE_TEST_SUITE_P(
     ConfigurationFile, Impossible,
     testing::Values(
         ImpossibleValue{"accounts", "passwd_file = 'passwd'", kNoPath},
+        ImpossibleValue{"cluster", "ca_file = 'ca.pem'", kNoPath},
+        ImpossibleValue{"cluster", "trusted_hosts = ''", kNoPath},
+        ImpossibleValue{"cluster", "max_answer = 1023", "must be from 1024 to 1073741824"},
+        ImpossibleValue{"cluster", "max_answer = 1073741825", "must be from 1024 to 1073741824"},
         ImpossibleValue{"accounts", "group_file = ''", kNoPath},
         ImpossibleValue{"accounts", "min_uid = -1", "must be from 0 to 4294967294"},
         ImpossibleValue{"accounts", "max_uid = 4294967295", "must be from 0 to 4294967294"},

@@ -93,6 +93,16 @@ class Reader {
     };
   }
 
+  auto Truth(bool& setting) const {
+    return [this, &setting](const toml::node& node) {
+      const auto* value = node.as_boolean();
+      if (value == nullptr) {
+        Fail(node, "must be true or false");
+      }
+      setting = value->get();
+    };
+  }
+
   [[noreturn]] void Fail(const toml::node& node, const std::string& problem) const {
     throw ConfigurationError(
         fmt::format("{}: {}: {}", Position(path_, node.source()), key_, problem));
@@ -169,6 +179,7 @@ toml::table Parse(const std::string& path, const std::string& text) {
 Configuration Read(const std::string& path, const toml::table& document) {
   constexpr std::int64_t kHighestId = std::numeric_limits<std::uint32_t>::max() - 1;
   constexpr int kLongestTimeout = 3600;
+  constexpr std::int64_t kLargestAnswer = 1073741824;
 
   Configuration c;
   Reader r(path);
@@ -201,6 +212,11 @@ Configuration Read(const std::string& path, const toml::table& document) {
                {"connect_timeout", r.Number(c.usage.connect_timeout, 1, kLongestTimeout)},
                {"command_timeout", r.Number(c.usage.command_timeout, 1, kLongestTimeout)},
                {"key_template", r.Text(c.usage.key_template, ObjectToKeyTemplate)}})},
+       {"cluster",
+        table("cluster", {{"allow_http", r.Truth(c.cluster.allow_http)},
+                          {"ca_file", r.Text(c.cluster.ca_file, ObjectToOptionalPath)},
+                          {"trusted_hosts", r.Text(c.cluster.trusted_hosts, ObjectToPath)},
+                          {"max_answer", r.Number(c.cluster.max_answer, 1024, kLargestAnswer)}})},
        {"web", table("web", {{"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)}})},
        {"log", table("log", {{"target", r.Text(c.log.target, ObjectToLogTarget)},
                              {"file", r.Text(c.log.file, ObjectToOptionalPath)}})}});

@@ -50,6 +50,14 @@ struct Configuration {
     std::string key_template = "{name}/quota/storage";  ///< holds "{name}" exactly once
   } usage;
 
+  struct Cluster {
+    bool allow_http = true;  ///< whether hosts may be spoken to without TLS
+    /// PEM file of the authorities that sign the hosts' certificates, in place of the system's.
+    std::string ca_file;
+    std::string trusted_hosts = "/etc/quillon/trusted-hosts";  ///< the keys of hosts
+    std::int64_t max_answer = 16777216;                        ///< bytes of one host's answer
+  } cluster;
+
   struct Web {
     std::string accounts_file = "/etc/quillon/web-accounts";  ///< who may log in
   } web;
