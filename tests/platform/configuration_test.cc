@@ -54,6 +54,8 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.cluster.ca_file, "");
   EXPECT_EQ(configuration.cluster.trusted_hosts, "/etc/quillon/trusted-hosts");
   EXPECT_EQ(configuration.cluster.max_answer, 16777216);
+  EXPECT_EQ(configuration.web.http_port, 0);
+  EXPECT_EQ(configuration.web.https_port, 5001);
 }
 
 TEST_F(ConfigurationFile, SetsEveryKey) {
@@ -85,6 +87,8 @@ ca_file = "/a/ca.pem"
 trusted_hosts = "/a/trusted-hosts"
 max_answer = 1024
 [web]
+http_port = 1
+https_port = 2
 accounts_file = "/a/web-accounts"
 [log]
 target = "file"
@@ -112,6 +116,8 @@ file = "/a/log"
   EXPECT_EQ(configuration.cluster.ca_file, "/a/ca.pem");
   EXPECT_EQ(configuration.cluster.trusted_hosts, "/a/trusted-hosts");
   EXPECT_EQ(configuration.cluster.max_answer, 1024);
+  EXPECT_EQ(configuration.web.http_port, 1);
+  EXPECT_EQ(configuration.web.https_port, 2);
   EXPECT_EQ(configuration.web.accounts_file, "/a/web-accounts");
   EXPECT_EQ(configuration.log.target, "file");
   EXPECT_EQ(configuration.log.file, "/a/log");

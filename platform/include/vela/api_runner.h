@@ -23,7 +23,8 @@ class VELAMAILSERVER_EXPORT APIError : public std::runtime_error {
 /// The WebAPIs of this process, by name, version and method.
 ///
 /// An answer is an envelope: {"success": true, "data": …} or {"success": false, "error": {"code":
-/// …, "message": …}}. Safe for use from several threads, as far as the handlers are.
+/// …, "message": …}}. A platform's own APIs are there from the first use on. Safe for use from
+/// several threads, as far as the handlers are.
 class APIRunner {
  public:
   /// Codes of an envelope's error that are the runner's own. A handler that throws `LogException`

@@ -217,7 +217,9 @@ Configuration Read(const std::string& path, const toml::table& document) {
                           {"ca_file", r.Text(c.cluster.ca_file, ObjectToOptionalPath)},
                           {"trusted_hosts", r.Text(c.cluster.trusted_hosts, ObjectToPath)},
                           {"max_answer", r.Number(c.cluster.max_answer, 1024, kLargestAnswer)}})},
-       {"web", table("web", {{"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)}})},
+       {"web", table("web", {{"http_port", r.Number(c.web.http_port, 0, 65535)},
+                             {"https_port", r.Number(c.web.https_port, 0, 65535)},
+                             {"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)}})},
        {"log", table("log", {{"target", r.Text(c.log.target, ObjectToLogTarget)},
                              {"file", r.Text(c.log.file, ObjectToOptionalPath)}})}});
 

@@ -8,6 +8,8 @@
 #include <vela/api_runner.h>
 #include <velamailserver/log_exception.h>
 
+#include "webapi/host_apis.h"
+
 namespace VELA {
 
 namespace {
@@ -16,12 +18,26 @@ using SharedHandler = std::shared_ptr<const APIRunner::Handler>;
 using Methods = std::map<std::string, SharedHandler, std::less<>>;
 using Versions = std::map<int, Methods>;
 
+using APIs = std::map<std::string, Versions, std::less<>>;
+
+APIs HostAPIs() {
+  const auto handler = [](Json::Value (*function)(const Json::Value&)) {
+    return std::make_shared<const APIRunner::Handler>(function);
+  };
+  APIs apis;
+  apis["VELA.Core.System.Utilization"][1]["get"] = handler(quillon::platform::GetUtilization);
+  apis["VELA.Core.Web.TARN"][1]["get"] = handler(quillon::platform::GetWebPorts);
+  return apis;
+}
+
+// The host's own APIs are in it from the beginning, whichever initialiser of whichever file is the
+// first to use it.
 struct Registry {
   std::shared_mutex mutex;
-  std::map<std::string, Versions, std::less<>> apis;
+  APIs apis = HostAPIs();
 };
 
-// Made at the first use: APIs register themselves from initialisers of other files.
+// Made at the first use: programs may register theirs from initialisers.
 Registry& TheRegistry() {
   static Registry registry;
   return registry;

@@ -59,6 +59,8 @@ struct Configuration {
   } cluster;
 
   struct Web {
+    int http_port = 0;                                        ///< plain HTTP; 0: off
+    int https_port = 5001;                                    ///< 0: off
     std::string accounts_file = "/etc/quillon/web-accounts";  ///< who may log in
   } web;
 
