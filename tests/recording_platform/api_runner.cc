@@ -19,7 +19,8 @@ void APIRunner::Exec(Json::Value& response, const char* api, int version, const 
                      const Json::Value& params, const char* user) {
   TheWorld().Call(fmt::format("Exec({}, \"{}\", {}, \"{}\", {}, \"{}\")", Compact(response), api,
                               version, method, Compact(params), user));
-  response = TheWorld().api_response;
+  const auto found = TheWorld().api_responses.find(api);
+  response = found == TheWorld().api_responses.end() ? TheWorld().api_response : found->second;
 }
 
 }  // namespace VELA

@@ -43,9 +43,9 @@ void World::Call(const std::string& line) {
   }
 }
 
-void World::Note(const std::string& line) {
+void World::Note(std::string_view line) {
   if (pauses_ == 0) {
-    transcript.push_back(line);
+    transcript.emplace_back(line);
   }
 }
 
@@ -53,6 +53,13 @@ void World::Log(const LogRecord& record) {
   if (pauses_ == 0) {
     log.push_back(record);
     Note("maillog(" + std::to_string(record.priority) + ", \"" + record.text + "\")");
+  }
+}
+
+void World::SystemLog(const LogRecord& record) {
+  if (pauses_ == 0) {
+    system_log.push_back(record);
+    Note("syslog(" + std::to_string(record.priority) + ", \"" + record.text + "\")");
   }
 }
 

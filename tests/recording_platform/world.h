@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -22,7 +25,7 @@ struct Account {
   std::string real_name;
 };
 
-/// One record of the mail log: how maillog() was called, and the text that came of it.
+/// One record of a log: how maillog() or syslog() was called, and the text that came of it.
 struct LogRecord {
   int priority;
   std::string format;
@@ -74,7 +77,8 @@ class World {
   StoredValues group_warnings;
   std::unordered_map<std::string, std::string> usage;
   bool delete_usage = true;  ///< what DeleteUsage answers
-  Json::Value api_response;  ///< what every API answers
+  Json::Value api_response;  ///< what every API answers that runs in this process
+  std::map<std::string, Json::Value> api_responses;  ///< in its place, by API
   std::string maildir_path = "/maildir";
   std::vector<velamailserver::account::BaseMaildir> maildirs;  ///< found by uid
   /// Found by path; a path that is not in here gets no flag.
@@ -84,8 +88,32 @@ class World {
   std::vector<std::string> command_output;  ///< what every command prints, as GetLine answers it
   std::function<int()> fork = [] { return 4711; };  ///< what forking a child answers
 
+  // Other hosts. A body is what a host answers to a call of an API.
+  std::string body = R"({"success":true})";
+  std::map<std::string, std::string> bodies;  ///< in its place, by API
+  std::set<std::string> unacceptable_urls;
+  std::set<std::string> unreachable_urls;
+  std::optional<std::string> held_url;  ///< what GetURL answers in place of what was set
+  int request_error = 7;                ///< what GetError answers
+  bool alloc_cred = true;
+  bool alloc_session = true;
+  bool login = true;
+  bool create_request = true;
+  int queue_index = 0;  ///< what AddCredRequest answers; negative: it does not take the request
+  bool set_response_timeout = true;
+
+  // The effective identity. The real and the saved one do not matter here.
+  unsigned int euid = 0;
+  unsigned int egid = 0;
+  /// What the coming calls of geteuid() and getegid() answer, until they answer the identity.
+  std::deque<unsigned int> next_euids;
+  std::deque<unsigned int> next_egids;
+  /// What the coming calls of setresuid() and setresgid() answer, until they succeed; they change
+  /// the identity when they answer 0.
+  std::deque<int> next_identity_results;
+
   /// The call of this number throws instead of answering. Calls are counted from 1; those that
-  /// cannot fail (maillog, destructors) are not counted.
+  /// cannot fail (the logs, the identity, what releases something) are not counted.
   void FailCall(int number, Failure failure);
   /// Every call whose line of the transcript starts so throws instead of answering.
   void FailCallsStartingWith(const std::string& prefix, Failure failure);
@@ -93,14 +121,17 @@ class World {
   // What happened.
   std::vector<std::string> transcript;  ///< one line for each call, a failed one too
   std::vector<LogRecord> log;
+  std::vector<LogRecord> system_log;
 
   // For the stand-in's own use.
   /// Records a call and fails it when the script says so.
   void Call(const std::string& line);
   /// Records a call that cannot fail.
-  void Note(const std::string& line);
+  void Note(std::string_view line);
   /// Records a call of maillog().
   void Log(const LogRecord& record);
+  /// Records a call of syslog().
+  void SystemLog(const LogRecord& record);
 
  private:
   friend class Pause;
