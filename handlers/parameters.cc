@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 
 #include <vela/api_runner.h>
 #include <velamailserver/utils/text.h>
@@ -54,6 +55,15 @@ std::string Parameters::Text(const char* name) const {
     Refuse(name, "a string");
   }
   return WithoutNul(name, value);
+}
+
+std::string_view Parameters::Bytes(const char* name) const {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (!Required(name).getString(&begin, &end)) {
+    Refuse(name, "a string");
+  }
+  return {begin, static_cast<std::size_t>(end - begin)};
 }
 
 std::vector<std::string> Parameters::Texts(const char* name) const {

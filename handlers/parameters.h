@@ -21,6 +21,8 @@ class Parameters {
 
   // Each refuses a parameter that is missing.
   std::string Text(const char* name) const;
+  /// A text of any bytes, NUL characters among them. Valid as long as the document.
+  std::string_view Bytes(const char* name) const;
   std::vector<std::string> Texts(const char* name) const;
   /// A text that is one of `choices`.
   std::string Choice(const char* name, std::initializer_list<std::string_view> choices) const;

@@ -1,6 +1,7 @@
 #include <quillon/handlers/register.h>
 
 #include "no_owner_api.h"
+#include "quota_api.h"
 #include "usage_api.h"
 #include "user_api.h"
 
@@ -10,6 +11,7 @@ void RegisterAll() {
   RegisterUserAPI();
   RegisterUsageAPI();
   RegisterNoOwnerAPI();
+  RegisterQuotaAPI();
 }
 
 }  // namespace quillon::handlers

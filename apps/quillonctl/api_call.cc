@@ -13,7 +13,7 @@ Json::Value Call(const char* api, const char* method, const Json::Value& params)
   VELA::APIRunner::Exec(response, api, kVersion, method, params, "admin");
   if (!response["success"].asBool()) {
     const Json::Value& error = response["error"];
-    throw CallError(error["code"].asInt(), error["message"].asString());
+    throw CallError(error["code"].asInt(), error["message"].asString(), error["data"]);
   }
   Json::Value data;
   data.swap(response["data"]);

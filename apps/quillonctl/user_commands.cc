@@ -16,6 +16,7 @@
 #include <quillon/platform/printable.h>
 
 #include "api_call.h"
+#include "import_quota_command.h"
 #include "names.h"
 #include "number.h"
 #include "options.h"
@@ -223,4 +224,5 @@ void AddUserCommands(CLI::App& app, Command& command) {
   AddList(*user, command);
   AddSetQuota(*user, command);
   AddClearQuota(*user, command);
+  AddImportQuota(*user, command);
 }

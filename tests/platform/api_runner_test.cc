@@ -71,6 +71,17 @@ TEST_F(APIRunnerTest, AnswersAHandlersRefusalWithItsCode) {
   EXPECT_EQ(Exec("Test.Fail", 1, "refuse"), Error(400, "names: must be an array"));
 }
 
+TEST_F(APIRunnerTest, AnswersARefusalsData) {
+  Register("refuse_with_data", [](const Json::Value&) -> Json::Value {
+    Json::Value data;
+    data["rows"] = 3;
+    throw APIError(7, "bad rows", data);
+  });
+  Json::Value expected = Error(7, "bad rows");
+  expected["error"]["data"]["rows"] = 3;
+  EXPECT_EQ(Exec("Test.Fail", 1, "refuse_with_data"), expected);
+}
+
 TEST_F(APIRunnerTest, AnswersALogExceptionWithItsErrorCodeAndDetail) {
   Register("log", [](const Json::Value&) -> Json::Value {
     throw velamailserver::LogException(velamailserver::ERR_DB_SELECT, "the detail", 3, "file", 1);

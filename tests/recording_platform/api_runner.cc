@@ -1,3 +1,5 @@
+#include <utility>
+
 #include <fmt/format.h>
 
 #include <vela/api_runner.h>
@@ -11,8 +13,9 @@ using quillon::test::Compact;
 using recording::TheWorld;
 
 void APIRunner::Register(const std::string& api, int version, const std::string& method,
-                         Handler /*handler*/) {  // NOLINT(performance-unnecessary-value-param)
+                         Handler handler) {
   TheWorld().Call(fmt::format("Register(\"{}\", {}, \"{}\")", api, version, method));
+  TheWorld().handlers[api + " " + method] = std::move(handler);
 }
 
 void APIRunner::Exec(Json::Value& response, const char* api, int version, const char* method,

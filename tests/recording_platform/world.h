@@ -15,6 +15,7 @@
 
 #include <json/value.h>
 
+#include <vela/api_runner.h>
 #include <velamailserver/account/maildir.h>
 
 namespace recording {
@@ -122,6 +123,7 @@ class World {
   std::vector<std::string> transcript;  ///< one line for each call, a failed one too
   std::vector<LogRecord> log;
   std::vector<LogRecord> system_log;
+  std::map<std::string, VELA::APIRunner::Handler> handlers;  ///< registered, by "API METHOD"
 
   // For the stand-in's own use.
   /// Records a call and fails it when the script says so.

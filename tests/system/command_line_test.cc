@@ -48,6 +48,8 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"user", "set-quota", "--limit", "", "--warning", "1K", "alice"},
         std::vector<std::string>{"user", "clear-quota"},
         std::vector<std::string>{"user", "clear-quota", "-"},
+        std::vector<std::string>{"user", "import-quota"},
+        std::vector<std::string>{"user", "import-quota", "a.csv", "b.csv"},
         std::vector<std::string>{"usage", "count", "-"}, std::vector<std::string>{"no-owner"},
         std::vector<std::string>{"no-owner", "list", "dora"},
         std::vector<std::string>{"no-owner", "list", "--sort", "uid"},
@@ -86,7 +88,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         std::vector<std::string>{}, std::vector<std::string>{"user"},
         std::vector<std::string>{"user", "list"}, std::vector<std::string>{"user", "set-quota"},
-        std::vector<std::string>{"user", "clear-quota"}, std::vector<std::string>{"usage"},
+        std::vector<std::string>{"user", "clear-quota"},
+        std::vector<std::string>{"user", "import-quota"}, std::vector<std::string>{"usage"},
         std::vector<std::string>{"usage", "count"}, std::vector<std::string>{"no-owner"},
         std::vector<std::string>{"no-owner", "list"},
         std::vector<std::string>{"no-owner", "refresh"},

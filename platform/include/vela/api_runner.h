@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <json/value.h>
 
@@ -10,21 +12,31 @@
 
 namespace VELA {
 
-/// How a handler refuses a call: the code and the message of the envelope's "error".
+/// How a handler refuses a call: the code and the message of the envelope's "error", and possibly
+/// its "data", which tells programs more than the message does.
 class VELAMAILSERVER_EXPORT APIError : public std::runtime_error {
  public:
   APIError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  APIError(int code, const std::string& message, Json::Value data)
+      : std::runtime_error(message),
+        code_(code),
+        data_(std::make_shared<const Json::Value>(std::move(data))) {}
+
   int code() const noexcept { return code_; }
+  /// Null when there is none.
+  const Json::Value* data() const noexcept { return data_.get(); }
 
  private:
   int code_;
+  std::shared_ptr<const Json::Value> data_;  // shared, because copying an exception must not throw
 };
 
 /// The WebAPIs of this process, by name, version and method.
 ///
 /// An answer is an envelope: {"success": true, "data": …} or {"success": false, "error": {"code":
-/// …, "message": …}}. A platform's own APIs are there from the first use on. Safe for use from
-/// several threads, as far as the handlers are.
+/// …, "message": …}}; an error has "data", too, when the handler's `APIError` has. A platform's own
+/// APIs are there from the first use on. Safe for use from several threads, as far as the handlers
+/// are.
 class APIRunner {
  public:
   /// Codes of an envelope's error that are the runner's own. A handler that throws `LogException`

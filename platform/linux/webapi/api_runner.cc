@@ -80,7 +80,11 @@ Json::Value Run(const char* api, int version, const char* method, const Json::Va
     envelope["success"] = true;
     return envelope;
   } catch (const APIError& error) {
-    return Failure(error.code(), error.what());
+    Json::Value envelope = Failure(error.code(), error.what());
+    if (error.data() != nullptr) {
+      envelope["error"]["data"] = *error.data();
+    }
+    return envelope;
   } catch (const velamailserver::LogException& error) {
     return Failure(error.code(), error.what());
   } catch (const std::exception& error) {

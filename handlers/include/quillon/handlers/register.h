@@ -45,6 +45,24 @@ namespace quillon::handlers {
 ///                  "messages" are null for a directory that cannot be read. "removed" is what is
 ///                  gone from its path. An unknown uid, one that owns no such directory, does not
 ///                  keep the others' from going.
+///
+/// "Quillon.MailServer.Quota" version 1:
+///   "import"       {"file", "dry_run"}, "dry_run" is false by default → {"rows", "groups"}: sets
+///                  the quota of the users in "file", the text of a table of three columns: name,
+///                  limit, warning. Fields are separated by commas and may be quoted (RFC 4180),
+///                  but end on their line; lines end with LF or CRLF; a size is in bytes or ends
+///                  with B, K, M or G. Blank lines, those that begin with '#' and a first row
+///                  "name,limit,warning" are left out. At most 200000 rows, at least one. "rows" is
+///                  the number of users, "groups" that of different pairs of limit and warning, for
+///                  each of which the stores are written to once. With "dry_run" nothing is
+///                  written. One bad row refuses the whole file, before anything is written, with
+///                  `kBadParameters` and the error's "data": {"bad": [{"row", "name", "reason"}…]},
+///                  all of them; "row" is the number of the line, "name" null in a row whose
+///                  columns cannot be told apart. A user may be there only once, under whatever
+///                  name. When a store fails on the way, the error has the store's code, and "data"
+///                  tells of each row where it stands: {"written", "failed", "left"}, each
+///                  [{"row", "name"}…]. The limits of "failed" may be set without their warnings,
+///                  those of "left" are untouched. To import the same file again is safe.
 void RegisterAll();
 
 }  // namespace quillon::handlers

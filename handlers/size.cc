@@ -1,0 +1,76 @@
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include <quillon/handlers/size.h>
+#include <velamailserver/utils/math.h>
+
+namespace quillon::handlers {
+
+namespace {
+
+struct Unit {
+  char letter;
+  double factor;
+};
+
+const std::array<Unit, 4>& Units() {
+  using velamailserver::utils::UnitFactor;
+  static const std::array<Unit, 4> units = {{{'B', UnitFactor("B")},
+                                             {'K', UnitFactor("K")},
+                                             {'M', UnitFactor("M")},
+                                             {'G', UnitFactor("G")}}};
+  return units;
+}
+
+// The factor of a unit letter, 0 for a letter that is no unit.
+unsigned long long FactorOf(char letter) {
+  for (const Unit& unit : Units()) {
+    if (unit.letter == letter) {
+      return static_cast<unsigned long long>(unit.factor);
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+unsigned long long ParseSize(const std::string& text) {
+  unsigned long long number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  const unsigned long long factor = rest == end ? 1 : rest + 1 == end ? FactorOf(*rest) : 0;
+  if (error == std::errc::invalid_argument || factor == 0) {
+    throw std::invalid_argument(
+        fmt::format("[{}] is not a size: a whole number, then B, K, M, G or nothing", text));
+  }
+  if (error == std::errc::result_out_of_range ||
+      number > std::numeric_limits<unsigned long long>::max() / factor) {
+    throw std::invalid_argument(fmt::format("[{}] is too large, a size has at most {} bytes", text,
+                                            std::numeric_limits<unsigned long long>::max()));
+  }
+  return number * factor;
+}
+
+std::string FormatSize(unsigned long long bytes) {
+  constexpr double kStep = 1024;
+  double amount = 0;
+  char letter = 0;
+  for (const Unit& unit : Units()) {
+    amount = static_cast<double>(bytes) / unit.factor;
+    letter = unit.letter;
+    // What would be rounded up to 1024.0 is one of the next unit.
+    if (std::round(amount * 10) < kStep * 10) {
+      break;
+    }
+  }
+  return amount == std::floor(amount) ? fmt::format("{:.0f}{}", amount, letter)
+                                      : fmt::format("{:.1f}{}", amount, letter);
+}
+
+}  // namespace quillon::handlers
