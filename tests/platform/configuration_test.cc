@@ -56,6 +56,7 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.cluster.max_answer, 16777216);
   EXPECT_EQ(configuration.web.http_port, 0);
   EXPECT_EQ(configuration.web.https_port, 5001);
+  EXPECT_EQ(configuration.web.user, "nobody");
 }
 
 TEST_F(ConfigurationFile, SetsEveryKey) {
@@ -87,9 +88,25 @@ ca_file = "/a/ca.pem"
 trusted_hosts = "/a/trusted-hosts"
 max_answer = 1024
 [web]
+address = "::1"
 http_port = 1
 https_port = 2
+certificate = "/a/cert.pem"
+private_key = "/a/key.pem"
+state_folder = "/a/webapid"
 accounts_file = "/a/web-accounts"
+user = "web"
+workers = 3
+max_body = 1024
+max_header = 2048
+max_connections = 4
+max_connections_per_address = 5
+request_timeout = 6
+receive_timeout = 7
+idle_timeout = 8
+session_lifetime = 9
+max_sessions_per_account = 10
+max_login_failures = 11
 [log]
 target = "file"
 file = "/a/log"
@@ -116,9 +133,25 @@ file = "/a/log"
   EXPECT_EQ(configuration.cluster.ca_file, "/a/ca.pem");
   EXPECT_EQ(configuration.cluster.trusted_hosts, "/a/trusted-hosts");
   EXPECT_EQ(configuration.cluster.max_answer, 1024);
+  EXPECT_EQ(configuration.web.address, "::1");
   EXPECT_EQ(configuration.web.http_port, 1);
   EXPECT_EQ(configuration.web.https_port, 2);
+  EXPECT_EQ(configuration.web.certificate, "/a/cert.pem");
+  EXPECT_EQ(configuration.web.private_key, "/a/key.pem");
+  EXPECT_EQ(configuration.web.state_folder, "/a/webapid");
   EXPECT_EQ(configuration.web.accounts_file, "/a/web-accounts");
+  EXPECT_EQ(configuration.web.user, "web");
+  EXPECT_EQ(configuration.web.workers, 3);
+  EXPECT_EQ(configuration.web.max_body, 1024);
+  EXPECT_EQ(configuration.web.max_header, 2048);
+  EXPECT_EQ(configuration.web.max_connections, 4);
+  EXPECT_EQ(configuration.web.max_connections_per_address, 5);
+  EXPECT_EQ(configuration.web.request_timeout, 6);
+  EXPECT_EQ(configuration.web.receive_timeout, 7);
+  EXPECT_EQ(configuration.web.idle_timeout, 8);
+  EXPECT_EQ(configuration.web.session_lifetime, 9);
+  EXPECT_EQ(configuration.web.max_sessions_per_account, 10);
+  EXPECT_EQ(configuration.web.max_login_failures, 11);
   EXPECT_EQ(configuration.log.target, "file");
   EXPECT_EQ(configuration.log.file, "/a/log");
 }
@@ -128,6 +161,15 @@ TEST_F(ConfigurationFile, RefusesUnknownKeys) {
             At(3, "accounts.paswd_file: unknown key"));
   EXPECT_EQ(FailureOf("[acounts]\n"), At(1, "acounts: unknown key"));
   EXPECT_EQ(FailureOf("passwd_file = \"/a\"\n"), At(1, "passwd_file: unknown key"));
+}
+
+TEST_F(ConfigurationFile, RefusesHalfACertificateAndAFrontThatIsRoot) {
+  EXPECT_EQ(FailureOf("[web]\ncertificate = \"/a\"\n"),
+            At(2, "web.certificate: a certificate and its private key are set together"));
+  EXPECT_EQ(FailureOf("[web]\nprivate_key = \"/a\"\n"),
+            At(2, "web.private_key: a certificate and its private key are set together"));
+  EXPECT_EQ(FailureOf("[web]\nuser = \"root\"\n"),
+            At(2, "web.user: must be the name of an account without rights"));
 }
 
 TEST_F(ConfigurationFile, RefusesWrongTypes) {

@@ -138,6 +138,10 @@ const char* ObjectToHost(const std::string& host) {
   return host.empty() ? "must not be empty" : nullptr;
 }
 
+const char* ObjectToUser(const std::string& name) {
+  return name.empty() || name == "root" ? "must be the name of an account without rights" : nullptr;
+}
+
 const char* ObjectToKeyTemplate(const std::string& text) {
   constexpr char kName[] = "{name}";
   const auto at = text.find(kName);
@@ -179,6 +183,7 @@ toml::table Parse(const std::string& path, const std::string& text) {
 Configuration Read(const std::string& path, const toml::table& document) {
   constexpr std::int64_t kHighestId = std::numeric_limits<std::uint32_t>::max() - 1;
   constexpr int kLongestTimeout = 3600;
+  constexpr std::int64_t kLargestBody = 67108864;
   constexpr std::int64_t kLargestAnswer = 1073741824;
 
   Configuration c;
@@ -217,9 +222,28 @@ Configuration Read(const std::string& path, const toml::table& document) {
                           {"ca_file", r.Text(c.cluster.ca_file, ObjectToOptionalPath)},
                           {"trusted_hosts", r.Text(c.cluster.trusted_hosts, ObjectToPath)},
                           {"max_answer", r.Number(c.cluster.max_answer, 1024, kLargestAnswer)}})},
-       {"web", table("web", {{"http_port", r.Number(c.web.http_port, 0, 65535)},
-                             {"https_port", r.Number(c.web.https_port, 0, 65535)},
-                             {"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)}})},
+       {"web",
+        table("web",
+              {{"address", r.Text(c.web.address)},
+               {"http_port", r.Number(c.web.http_port, 0, 65535)},
+               {"https_port", r.Number(c.web.https_port, 0, 65535)},
+               {"certificate", r.Text(c.web.certificate, ObjectToOptionalPath)},
+               {"private_key", r.Text(c.web.private_key, ObjectToOptionalPath)},
+               {"state_folder", r.Text(c.web.state_folder, ObjectToPath)},
+               {"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)},
+               {"user", r.Text(c.web.user, ObjectToUser)},
+               {"workers", r.Number(c.web.workers, 1, 64)},
+               {"max_body", r.Number(c.web.max_body, 1024, kLargestBody)},
+               {"max_header", r.Number(c.web.max_header, 1024, 1048576)},
+               {"max_connections", r.Number(c.web.max_connections, 1, 100000)},
+               {"max_connections_per_address",
+                r.Number(c.web.max_connections_per_address, 1, 100000)},
+               {"request_timeout", r.Number(c.web.request_timeout, 1, kLongestTimeout)},
+               {"receive_timeout", r.Number(c.web.receive_timeout, 1, kLongestTimeout)},
+               {"idle_timeout", r.Number(c.web.idle_timeout, 1, kLongestTimeout)},
+               {"session_lifetime", r.Number(c.web.session_lifetime, 1, 86400)},
+               {"max_sessions_per_account", r.Number(c.web.max_sessions_per_account, 1, 1000)},
+               {"max_login_failures", r.Number(c.web.max_login_failures, 1, 1000)}})},
        {"log", table("log", {{"target", r.Text(c.log.target, ObjectToLogTarget)},
                              {"file", r.Text(c.log.file, ObjectToOptionalPath)}})}});
 
@@ -236,6 +260,10 @@ Configuration Read(const std::string& path, const toml::table& document) {
   }
   if (c.log.target == "file" && c.log.file.empty()) {
     reject("log", "target", "the target \"file\" needs log.file");
+  }
+  if (c.web.certificate.empty() != c.web.private_key.empty()) {
+    reject("web", c.web.certificate.empty() ? "private_key" : "certificate",
+           "a certificate and its private key are set together");
   }
   return c;
 }

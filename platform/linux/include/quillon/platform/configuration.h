@@ -59,9 +59,26 @@ struct Configuration {
   } cluster;
 
   struct Web {
-    int http_port = 0;                                        ///< plain HTTP; 0: off
-    int https_port = 5001;                                    ///< 0: off
+    std::string address;    ///< address to listen on; empty: all
+    int http_port = 0;      ///< plain HTTP; 0: off
+    int https_port = 5001;  ///< 0: off
+    /// PEM files, both or neither. Neither: made at the first start, in `state_folder`.
+    std::string certificate;
+    std::string private_key;
+    std::string state_folder = "/var/lib/quillon/webapid";    ///< what the server makes itself
     std::string accounts_file = "/etc/quillon/web-accounts";  ///< who may log in
+    std::string user = "nobody";                              ///< whom the front runs as
+    int workers = 2;                                          ///< calls at a time, 1 to 64
+    std::int64_t max_body = 8388608;                          ///< bytes of one request's body
+    int max_header = 16384;                                   ///< bytes of one request's headers
+    int max_connections = 1000;                               ///< of HTTP and HTTPS together
+    int max_connections_per_address = 100;
+    int request_timeout = 300;    ///< seconds for a call to be answered
+    int receive_timeout = 30;     ///< seconds for headers and body to arrive
+    int idle_timeout = 60;        ///< seconds that a connection is kept without a request
+    int session_lifetime = 1800;  ///< seconds that a token is good for
+    int max_sessions_per_account = 20;
+    int max_login_failures = 5;  ///< further ones are answered with a growing delay
   } web;
 
   struct Log {

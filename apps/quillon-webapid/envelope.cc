@@ -1,0 +1,61 @@
+#include "envelope.h"
+
+#include <exception>
+#include <memory>
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+namespace quillon::webapid {
+
+namespace {
+
+constexpr int kDeepestNesting = 200;
+
+Json::StreamWriterBuilder OneLine() {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return builder;
+}
+
+Json::CharReaderBuilder Strict() {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["stackLimit"] = kDeepestNesting;
+  return builder;
+}
+
+}  // namespace
+
+std::string ToText(const Json::Value& document) {
+  static const Json::StreamWriterBuilder kBuilder = OneLine();
+  return Json::writeString(kBuilder, document);
+}
+
+std::string SuccessText(const Json::Value& data) {
+  Json::Value envelope;
+  envelope["success"] = true;
+  envelope["data"] = data;
+  return ToText(envelope);
+}
+
+std::string FailureText(int code, const std::string& message) {
+  Json::Value envelope;
+  envelope["success"] = false;
+  envelope["error"]["code"] = code;
+  envelope["error"]["message"] = message;
+  return ToText(envelope);
+}
+
+bool ParseObject(const std::string& text, Json::Value& request) {
+  static const Json::CharReaderBuilder kBuilder = Strict();
+  const std::unique_ptr<Json::CharReader> reader(kBuilder.newCharReader());
+  try {
+    return reader->parse(text.data(), text.data() + text.size(), &request, nullptr) &&
+           request.isObject();
+  } catch (const std::exception&) {
+    return false;  // nested too deeply
+  }
+}
+
+}  // namespace quillon::webapid

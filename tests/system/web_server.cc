@@ -1,0 +1,242 @@
+#include "system/web_server.h"
+
+#include <curl/curl.h>
+#include <gsasl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <quillon/platform/web_accounts.h>
+
+#include "support/loopback.h"
+
+namespace quillon::test {
+
+namespace {
+
+std::size_t Collect(const char* data, std::size_t size, std::size_t count, void* text) {
+  static_cast<std::string*>(text)->append(data, size * count);
+  return size * count;
+}
+
+std::string FirstCertificate(CURL* handle) {
+  curl_certinfo* info = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_CERTINFO, &info);
+  std::string text;
+  if (info != nullptr && info->num_of_certs > 0) {
+    for (const curl_slist* line = info->certinfo[0]; line != nullptr; line = line->next) {
+      text += std::string(line->data) + "\n";
+    }
+  }
+  return text;
+}
+
+// `body` is null for a GET.
+WebAnswer Exchange(const std::string& url, const WebCall* call) {
+  CURL* const handle = curl_easy_init();
+  WebAnswer answer;
+  curl_slist* headers = nullptr;
+  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(handle, CURLOPT_PROXY, "");
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 20L);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(handle, CURLOPT_CERTINFO, 1L);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Collect);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &answer.text);
+  if (call != nullptr) {
+    for (const std::string& header : call->headers) {
+      headers = curl_slist_append(headers, header.c_str());
+    }
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(call->text.size()));
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, call->text.data());
+  }
+  if (curl_easy_perform(handle) == CURLE_OK) {
+    long status = 0;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+    answer.status = static_cast<int>(status);
+    answer.certificate = FirstCertificate(handle);
+    Json::Reader().parse(answer.text, answer.envelope);
+  }
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(handle);
+  return answer;
+}
+
+// The client's side of a login.
+class Scram {
+ public:
+  Scram(const std::string& account, const std::string& password) {
+    if (gsasl_init(&context_) != GSASL_OK ||
+        gsasl_client_start(context_, "SCRAM-SHA-256", &session_) != GSASL_OK) {
+      throw std::runtime_error("no SCRAM-SHA-256 here");
+    }
+    gsasl_property_set(session_, GSASL_AUTHID, account.c_str());
+    gsasl_property_set(session_, GSASL_PASSWORD, password.c_str());
+  }
+  Scram(const Scram&) = delete;
+  Scram& operator=(const Scram&) = delete;
+  ~Scram() {
+    gsasl_finish(session_);
+    gsasl_done(context_);
+  }
+
+  std::string Step(const std::string& input) {
+    char* output = nullptr;
+    result = gsasl_step64(session_, input.c_str(), &output);
+    std::string text = output == nullptr ? "" : output;
+    gsasl_free(output);
+    return text;
+  }
+
+  int result = GSASL_OK;
+
+ private:
+  Gsasl* context_ = nullptr;
+  Gsasl_session* session_ = nullptr;
+};
+
+}  // namespace
+
+WebServer::WebServer(const std::string& settings)
+    : http_port_(FreePort()), https_port_(FreePort()) {
+  folder_.Write("passwd", "alice:x:1001:100::/nonexistent:/usr/sbin/nologin\n");
+  folder_.Write("group", "users:x:100:\n");
+  const std::string file = folder_.Write(
+      "mailserver.toml", fmt::format(R"([accounts]
+passwd_file = "{0}/passwd"
+group_file = "{0}/group"
+[quota]
+store = "sqlite://{0}/quota.db"
+[log]
+target = "file"
+file = "{0}/mail.log"
+[web]
+address = "127.0.0.1"
+http_port = {1}
+https_port = {2}
+state_folder = "{0}/state"
+accounts_file = "{0}/accounts"
+{3}
+)",
+                                     folder_.path().string(), http_port_, https_port_, settings));
+  const platform::Secret password{std::string_view(kWebPassword)};
+  platform::AddWebAccount(accounts_file(), "boss", platform::WebRole::kAdmin, password);
+  platform::AddWebAccount(accounts_file(), "watcher", platform::WebRole::kMonitor, password);
+  program_ = std::make_unique<BackgroundProgram>(
+      std::vector<std::string>{QUILLON_WEBAPID, "--config", file}, folder_ / "output");
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (Get("/").status != 200) {
+    if (!program_->IsRunning() || std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("quillon-webapid does not start: " + folder_.Read("output"));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+WebAnswer WebServer::Get(const std::string& path) const {
+  return Exchange(fmt::format("http://127.0.0.1:{}{}", http_port_, path), nullptr);
+}
+
+WebAnswer WebServer::Post(const WebCall& call, bool tls) const {
+  return Exchange(tls ? fmt::format("https://127.0.0.1:{}/webapi", https_port_)
+                      : fmt::format("http://127.0.0.1:{}/webapi", http_port_),
+                  &call);
+}
+
+WebAnswer WebServer::Call(const std::string& token, const std::string& text) const {
+  return Post({text, {"Content-Type: application/json", "Authorization: Bearer " + token}});
+}
+
+WebAnswer WebServer::Login(const std::string& account, const std::string& password,
+                           std::string* finish) const {
+  Scram client(account, password);
+  Json::Value request;
+  request["api"] = "VELA.Core.Login";
+  request["version"] = 1;
+  request["method"] = "start";
+  request["params"]["message"] = client.Step("");
+  const WebAnswer first = Post({Json::FastWriter().write(request)});
+  if (first.status != 200) {
+    return first;
+  }
+  request["method"] = "finish";
+  request["params"]["login"] = first.envelope["data"]["login"];
+  request["params"]["message"] = client.Step(first.envelope["data"]["message"].asString());
+  const std::string text = Json::FastWriter().write(request);
+  if (finish != nullptr) {
+    *finish = text;
+  }
+  WebAnswer last = Post({text});
+  if (last.status == 200) {
+    client.Step(last.envelope["data"]["message"].asString());
+    if (client.result != GSASL_OK) {
+      throw std::runtime_error("the server does not know the account either");
+    }
+  }
+  return last;
+}
+
+std::string WebServer::Token(const std::string& account) const {
+  return Login(account, kWebPassword).envelope["data"]["token"].asString();
+}
+
+int WebServer::Connect(bool tls) const {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = Loopback(tls ? https_port_ : http_port_);
+  const timeval patience{10, 0};
+  ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    throw std::runtime_error("cannot connect");
+  }
+  return socket;
+}
+
+std::string Converse(int socket, const std::string& text) {
+  static_cast<void>(::send(socket, text.data(), text.size(), MSG_NOSIGNAL));
+  std::string answer;
+  std::array<char, 4096> piece{};
+  for (ssize_t got = 1; got > 0;) {
+    got = ::recv(socket, piece.data(), piece.size(), 0);
+    answer.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  }
+  ::close(socket);
+  return answer;
+}
+
+void ExpectRefusal(const WebAnswer& answer, int status) {
+  EXPECT_EQ(answer.status, status) << answer.text;
+  EXPECT_FALSE(answer.envelope["success"].asBool());
+  EXPECT_EQ(answer.envelope["error"]["code"], status);
+}
+
+std::vector<int> WebServer::Children(const std::string& name) const {
+  const std::string parent = std::to_string(program_->pid());
+  std::ifstream file("/proc/" + parent + "/task/" + parent + "/children");
+  std::vector<int> found;
+  for (int pid = 0; file >> pid;) {
+    const std::string program =
+        std::filesystem::read_symlink(fmt::format("/proc/{}/exe", pid)).filename();
+    if (program == name) {
+      found.push_back(pid);
+    }
+  }
+  return found;
+}
+
+}  // namespace quillon::test
