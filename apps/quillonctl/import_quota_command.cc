@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <fmt/format.h>
 #include <json/value.h>
@@ -22,8 +23,8 @@ struct ImportOptions {
 Json::Value Import(const ImportOptions& options) {
   Json::Value params;
   params["dry_run"] = options.is_dry_run;
-  params["file"] = ReadInput(options.file);
-  return Call("Quillon.MailServer.Quota", "import", params);
+  return Call("Quillon.MailServer.Quota", "import", std::move(params),
+              Upload{"file", ReadInput(options.file)});
 }
 
 std::string Summary(const ImportOptions& options, const Json::Value& data) {

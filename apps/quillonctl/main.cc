@@ -15,8 +15,11 @@
 #include "account_commands.h"
 #include "api_call.h"
 #include "command.h"
+#include "host_commands.h"
 #include "no_owner_commands.h"
 #include "output.h"
+#include "remote.h"
+#include "token_command.h"
 #include "usage_commands.h"
 #include "user_commands.h"
 
@@ -32,11 +35,13 @@ void OccupyStandardStreams() {
   }
 }
 
-// CLI11 splits "[a,b]" into two names, and there may be an account that is called so.
+// CLI11 splits "[a,b]" into two names, and there may be an account that is called so. None is
+// called like an IPv6 address.
 void RefuseBrackets(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
-    if (argument.starts_with('[') && argument.ends_with(']')) {
+    const bool has_colon = argument.find(':') != std::string::npos;
+    if (argument.starts_with('[') && argument.ends_with(']') && !has_colon) {
       throw CLI::ValidationError(argument, "a name in brackets is given on standard input, with -");
     }
   }
@@ -64,33 +69,60 @@ int Answer(const CLI::App& app, const CLI::ParseError& error) {
   return kDone;
 }
 
+// Where the command is carried out must never be other than whoever typed it believes.
+void CheckRemote(const CLI::App& app, const RemoteOptions& remote) {
+  const bool names_its_hosts = app.got_subcommand(kHostCommands) || app.got_subcommand(kToken);
+  if (names_its_hosts && remote.host) {
+    throw CLI::ValidationError("--host", "this command is followed by its hosts");
+  }
+  if (app.got_subcommand(kAccountCommands) && remote.IsAny()) {
+    throw CLI::ValidationError("--host", "the accounts of a host are kept on the host itself");
+  }
+  if (!names_its_hosts && remote.IsAny() && !remote.host) {
+    throw CLI::RequiredError("--host");
+  }
+  if (remote.host) {
+    remote.RequireAccount();
+  }
+}
+
 int Execute(int argc, char** argv) {
-  CLI::App app("Administers the mail server of this host.", "quillonctl");
+  CLI::App app("Administers the mail server of this host, or of another.", "quillonctl");
   Command command;
   const CLI::Option* configuration =
       app.add_option("--config", "configuration file")
           ->type_name("FILE")
           ->default_str(quillon::platform::kDefaultConfigurationFile);
+  RemoteOptions remote;
+  AddRemoteOptions(app, remote);
   app.set_version_flag("--version", "quillonctl " QUILLON_VERSION);
   app.fallthrough();  // the options above may stand behind a command, too
   app.require_subcommand(0, 1);
-  app.footer("Example: quillonctl user list --above 80");
+  app.footer(
+      "Example: quillonctl user list --above 80\n"
+      "Example: quillonctl --host mail2 --account boss user list --above 80");
   AddUserCommands(app, command);
   AddUsageCommands(app, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);
+  AddHostCommands(app, remote, command);
+  AddTokenCommand(app, remote, command);
   try {
     RefuseBrackets(argc, argv);
     app.parse(argc, argv);
     if (!command) {
       throw CLI::RequiredError("A command");
     }
+    CheckRemote(app, remote);
   } catch (const CLI::ParseError& error) {
     return Answer(app, error);
   }
 
   UseConfigurationOf(*configuration);
   quillon::handlers::RegisterAll();
+  if (remote.host) {
+    SendCallsTo(DestinationAt(*remote.host, remote));
+  }
   return command();
 }
 

@@ -75,7 +75,7 @@ void WriteList(const Json::Value& data) {
   for (const Json::Value& maildir : maildirs) {
     const bool is_counted = maildir["counted"].asBool();
     is_complete = is_complete && is_counted;
-    table.AddRow({{maildir["uid"].asString()},
+    table.AddRow({{Printable(maildir["uid"].asString())},
                   {Printable(maildir["name"].asString())},
                   {is_counted ? FormatSize(maildir["usage"].asUInt64()) : "-"}});
   }
@@ -237,11 +237,11 @@ void WriteMaildirs(const Json::Value& maildirs) {
   for (const Json::Value& maildir : maildirs) {
     const Json::Value& usage = maildir["usage"];
     const Json::Value& messages = maildir["messages"];
-    table.AddRow({{maildir["uid"].asString()},
+    table.AddRow({{Printable(maildir["uid"].asString())},
                   {Printable(maildir["name"].asString())},
                   {Printable(maildir["path"].asString())},
                   {usage.isNull() ? "-" : FormatSize(usage.asUInt64())},
-                  {messages.isNull() ? "-" : messages.asString()}});
+                  {messages.isNull() ? "-" : Printable(messages.asString())}});
   }
   WriteOutput(TextOf(
       table, fmt::format("{}, {}\n", CountOfMaildirs(maildirs.size()), SizeAndMessages(maildirs))));

@@ -69,7 +69,38 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"account", "add", "alice", "a password"},
         std::vector<std::string>{"account", "list", "alice"},
         std::vector<std::string>{"account", "role", "alice"},
-        std::vector<std::string>{"account", "role", "alice", "root"}));
+        std::vector<std::string>{"account", "role", "alice", "root"},
+        std::vector<std::string>{"--host", "mail2", "user", "list"},
+        std::vector<std::string>{"--account", "boss", "user", "list"},
+        std::vector<std::string>{"--protocol", "https", "user", "list"},
+        std::vector<std::string>{"--host", "", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "a b", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "a/b", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "::x", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "[::1]x", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "mail2:0", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "mail2:", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "mail2:65536", "--account", "boss", "user", "list"},
+        std::vector<std::string>{"--host", "mail2", "--account", "boss", "account", "list"},
+        std::vector<std::string>{"--host", "mail2", "--account", "boss", "host", "status"},
+        std::vector<std::string>{"--host", "mail2", "--account", "boss", "token", "mail2"},
+        std::vector<std::string>{"--protocol", "ftp", "host", "probe", "mail2"},
+        std::vector<std::string>{"--password-fd", "-1", "host", "status"},
+        std::vector<std::string>{"host"}, std::vector<std::string>{"host", "probe"},
+        std::vector<std::string>{"host", "status", "mail2"},
+        std::vector<std::string>{"host", "status", "mail2:5001", "--account", "boss"},
+        std::vector<std::string>{"host", "status", "--watch", "0"},
+        std::vector<std::string>{"host", "call", "mail2", "An.API", "get"},
+        std::vector<std::string>{"host", "call", "mail2", "An.API", "--account", "boss"},
+        std::vector<std::string>{"host", "call", "mail2", "An.API", "get", "--account", "boss",
+                                 "--params", "5"},
+        std::vector<std::string>{"host", "call", "mail2", "An.API", "get", "--account", "boss",
+                                 "--upload", "=file"},
+        std::vector<std::string>{"host", "batch"}, std::vector<std::string>{"host", "trust"},
+        std::vector<std::string>{"host", "trust", "mail2"},
+        std::vector<std::string>{"host", "trust", "mail2", "--list"},
+        std::vector<std::string>{"host", "trust", "--list", "--remove"},
+        std::vector<std::string>{"token"}, std::vector<std::string>{"token", "mail2"}));
 
 class HelpTest : public testing::TestWithParam<std::vector<std::string>> {};
 
@@ -96,8 +127,11 @@ INSTANTIATE_TEST_SUITE_P(
         std::vector<std::string>{"no-owner", "remove"}, std::vector<std::string>{"account"},
         std::vector<std::string>{"account", "add"}, std::vector<std::string>{"account", "list"},
         std::vector<std::string>{"account", "remove"},
-        std::vector<std::string>{"account", "passwd"},
-        std::vector<std::string>{"account", "role"}));
+        std::vector<std::string>{"account", "passwd"}, std::vector<std::string>{"account", "role"},
+        std::vector<std::string>{"host"}, std::vector<std::string>{"host", "status"},
+        std::vector<std::string>{"host", "probe"}, std::vector<std::string>{"host", "call"},
+        std::vector<std::string>{"host", "batch"}, std::vector<std::string>{"host", "trust"},
+        std::vector<std::string>{"token"}));
 
 TEST(CommandLineTest, TellsItsVersion) {
   const Outcome outcome = test::Run({QuillonctlPath(), "--version"});

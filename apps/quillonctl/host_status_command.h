@@ -1,0 +1,10 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "command.h"
+#include "remote.h"
+
+/// Adds "status" to the commands of hosts. Parsing it sets `command`, which must outlive `host`, as
+/// must `remote`.
+void AddHostStatus(CLI::App& host, RemoteOptions& remote, Command& command);
