@@ -77,7 +77,9 @@ std::optional<ReceivedMessage> Receive(int socket) {
     return std::nullopt;
   }
   TakeDescriptors(header, received.descriptors);
-  if (got != static_cast<ssize_t>(sizeof(received.message))) {
+  const bool is_whole = got == static_cast<ssize_t>(sizeof(received.message)) &&
+                        (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+  if (!is_whole) {
     throw std::system_error(got < 0 ? errno : EPIPE, std::generic_category(), "control socket");
   }
   return received;

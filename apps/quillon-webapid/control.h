@@ -11,7 +11,7 @@ namespace quillon::webapid {
 /// What the supervisor and the front tell each other, over a socket of records.
 struct ControlMessage {
   enum Kind : std::uint32_t {
-    kSettings,       ///< to the front: its settings, in a file; at first with the listening sockets
+    kSettings,       ///< to the front: its settings, in a file; see `FrontSettings`
     kWorker,         ///< to the front: the socket to a worker that was started
     kStop,           ///< to the front: finish what is running and end
     kReady,          ///< from the front: it listens
@@ -39,7 +39,7 @@ ControlSockets MakeControlSockets();
 bool Send(int socket, const ControlMessage& message, const std::vector<int>& descriptors = {});
 
 /// The next message, without waiting for one unless the socket blocks. Throws `std::system_error`
-/// when the other side is gone.
+/// when the other side is gone, or sends what is no message of these.
 std::optional<ReceivedMessage> Receive(int socket);
 
 }  // namespace quillon::webapid

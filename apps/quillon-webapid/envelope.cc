@@ -48,6 +48,9 @@ std::string FailureText(int code, const std::string& message) {
 }
 
 bool ParseObject(const std::string& text, Json::Value& request) {
+  if (text.find('\0') != std::string::npos) {
+    return false;  // it would pass for the end
+  }
   static const Json::CharReaderBuilder kBuilder = Strict();
   const std::unique_ptr<Json::CharReader> reader(kBuilder.newCharReader());
   try {

@@ -1,8 +1,6 @@
 // The front: all that talks to the network, without any right on this host.
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/epoll.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,18 +11,21 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
-#include <optional>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <quillon/platform/configuration.h>
 #include <velamailserver/maillog.h>
 
+#include "confinement.h"
 #include "control.h"
 #include "descriptors.h"
 #include "http_front.h"
 #include "login_api.h"
+#include "refusal_log.h"
 #include "server_certificate.h"
 #include "settings.h"
 #include "worker_pool.h"
@@ -32,6 +33,7 @@
 namespace {
 
 using namespace quillon::webapid;
+using quillon::platform::FileDescriptor;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kSourceFile[] = "apps/quillon-webapid/front";
@@ -48,22 +50,6 @@ void Require(int result, const char* what) {
   }
 }
 
-void DropPrivileges(uid_t uid, gid_t gid) {
-  if (uid == 0 || gid == 0) {
-    throw std::runtime_error("the front does not run as root");
-  }
-  const rlimit no_core{0, 0};
-  Require(::setrlimit(RLIMIT_CORE, &no_core), "setrlimit");
-  Require(::setgroups(0, nullptr), "setgroups");
-  Require(::setresgid(gid, gid, gid), "setresgid");
-  Require(::setresuid(uid, uid, uid), "setresuid");
-  Require(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no new privileges");
-  Require(::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0), "not dumpable");
-  if (::setresuid(0, 0, 0) == 0) {
-    throw std::runtime_error("the front could become root again");
-  }
-}
-
 void AllowDescriptors(int connections) {
   rlimit limit{};
   Require(::getrlimit(RLIMIT_NOFILE, &limit), "getrlimit");
@@ -75,30 +61,34 @@ void AllowDescriptors(int connections) {
   }
 }
 
-// The mail log's file is root's: the supervisor has opened it as this process's standard error.
-void UseLog(const FrontSettings& settings) {
+// The mail log's file is root's: the supervisor has opened it, for this process's standard error.
+void UseLog(const FrontSettings& settings, const std::vector<FileDescriptor>& descriptors) {
+  if (settings.has_log) {
+    Require(::dup2(descriptors.at(1).Get(), STDERR_FILENO) == STDERR_FILENO ? 0 : -1, "log");
+  }
   quillon::platform::Configuration configuration;
   configuration.web = settings.web;
-  configuration.log.target = settings.log_target;
+  configuration.log.target = settings.has_log ? "stderr" : "syslog";
   quillon::platform::UseConfiguration(std::move(configuration));
 }
 
 class Front {
  public:
   explicit Front(const FrontSettings& settings)
-      : logins_(settings),
+      : logins_(settings, refusals_),
         workers_(poller_,
                  [](std::uint32_t worker, std::uint32_t generation) {
                    Send(kSupervisorSocket, {ControlMessage::kReplaceWorker, worker, generation});
                  }),
-        http_(settings, poller_, workers_, logins_) {
+        http_(settings, poller_, workers_, logins_, refusals_) {
     UseCertificate(settings);
+    // The library that makes its hashes reads a file at the first of them.
+    static_cast<void>(logins_.Find("Bearer none", Clock::now()));
     poller_.Add(kSupervisorSocket, EPOLLIN, [this](std::uint32_t) { HandleMessage(); });
   }
 
-  void Listen(const FrontSettings& settings,
-              std::vector<quillon::platform::FileDescriptor> sockets) {
-    auto socket = sockets.begin() + 1;  // the first one holds the settings
+  void Listen(const FrontSettings& settings, std::vector<FileDescriptor> sockets) {
+    auto socket = sockets.begin();
     if (settings.has_http) {
       http_.Listen(std::move(*socket++), false);
     }
@@ -117,6 +107,7 @@ class Front {
       if (now - last_check_ >= std::chrono::milliseconds(kMillisecondsPerRound / 2)) {
         last_check_ = now;
         workers_.CheckDeadlines(now);
+        refusals_.Report(now);
         Send(kSupervisorSocket, {ControlMessage::kAlive});
       }
     }
@@ -142,7 +133,7 @@ class Front {
                      std::move(received->descriptors.at(0)));
         break;
       case ControlMessage::kSettings:
-        Reload(received->descriptors.at(0).Get());
+        Reload(received->descriptors);
         break;
       default:
         is_stopping_ = true;
@@ -151,9 +142,10 @@ class Front {
     }
   }
 
-  void Reload(int file) {
+  void Reload(const std::vector<FileDescriptor>& descriptors) {
     try {
-      const FrontSettings settings = ReadSettings(file);
+      const FrontSettings settings = ReadSettings(descriptors.at(0).Get());
+      UseLog(settings, descriptors);
       UseCertificate(settings);
       logins_.UseAccounts(settings);
       http_.UseSettings(settings);
@@ -164,6 +156,7 @@ class Front {
   }
 
   Poller poller_;
+  RefusalLog refusals_;
   LoginApi logins_;
   WorkerPool workers_;
   ServerCertificate certificate_;
@@ -173,20 +166,23 @@ class Front {
   Clock::time_point last_check_;
 };
 
-void Serve() {
+// The settings are gone, and wiped, when it begins to serve.
+std::unique_ptr<Front> MakeFront() {
   // Blocks until it is there.
   auto first = Receive(kSupervisorSocket);
   if (!first || first->message.kind != ControlMessage::kSettings) {
     throw std::runtime_error("the supervisor does not begin with the settings");
   }
-  const FrontSettings settings = ReadSettings(first->descriptors.at(0).Get());
+  std::vector<FileDescriptor>& descriptors = first->descriptors;
+  const FrontSettings settings = ReadSettings(descriptors.at(0).Get());
   AllowDescriptors(settings.web.max_connections);
-  UseLog(settings);
-  DropPrivileges(settings.uid, settings.gid);
+  UseLog(settings, descriptors);
+  DropRights(settings.uid, settings.gid);
   Require(::fcntl(kSupervisorSocket, F_SETFL, O_NONBLOCK), "control socket");
-  Front front(settings);
-  front.Listen(settings, std::move(first->descriptors));
-  front.Run();
+  auto front = std::make_unique<Front>(settings);
+  descriptors.erase(descriptors.begin(), descriptors.begin() + (settings.has_log ? 2 : 1));
+  front->Listen(settings, std::move(descriptors));
+  return front;
 }
 
 }  // namespace
@@ -194,7 +190,9 @@ void Serve() {
 int main() {
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    Serve();
+    const std::unique_ptr<Front> front = MakeFront();
+    FilterSystemCalls();
+    front->Run();
   } catch (const std::exception& error) {
     maillog(LOG_ERR, "%s:%d %s", kSourceFile, kEndedLine, error.what());
     return EXIT_FAILURE;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -16,6 +17,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <quillon/platform/client_network.h>
 #include <velamailserver/maillog.h>
 
 #include "envelope.h"
@@ -39,7 +41,6 @@ constexpr std::size_t kMostBuffered = 128 << 20;
 constexpr std::size_t kMostLeaving = 128 << 20;
 // A body without a token can only be a login's.
 constexpr std::size_t kLargestLogin = 4096;
-constexpr int kMostLogLinesPerSecond = 20;
 constexpr char kTlsVersions[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
 
 using Clock = std::chrono::steady_clock;
@@ -65,11 +66,33 @@ const char* Header(MHD_Connection* connection, const char* name) {
   return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
 }
 
+// Whether it is said once, or not at all, how long the body is. Else whoever stands between here
+// and the client may believe another length, and what follows it is not the request that they see.
+bool IsLengthClear(MHD_Connection* connection) {
+  int lengths = 0;
+  MHD_get_connection_values(
+      connection, MHD_HEADER_KIND,
+      [](void* count, MHD_ValueKind, const char* name, const char*) {
+        *static_cast<int*>(count) += ::strcasecmp(name, MHD_HTTP_HEADER_CONTENT_LENGTH) == 0 ||
+                                     ::strcasecmp(name, MHD_HTTP_HEADER_TRANSFER_ENCODING) == 0;
+        return MHD_YES;
+      },
+      &lengths);
+  const char* const encoding = Header(connection, MHD_HTTP_HEADER_TRANSFER_ENCODING);
+  return lengths <= 1 && (encoding == nullptr || ::strcasecmp(encoding, "chunked") == 0);
+}
+
 // Whether a header's value is that media type, with or without parameters.
 bool IsMediaType(const char* value, const char* type) {
   const std::size_t length = std::strlen(type);
   return value != nullptr && ::strncasecmp(value, type, length) == 0 &&
          (value[length] == '\0' || value[length] == ';' || value[length] == ' ');
+}
+
+// In milliseconds.
+MHD_UNSIGNED_LONG_LONG Due(MHD_Daemon* daemon) {
+  MHD_UNSIGNED_LONG_LONG due = 0;
+  return MHD_get_timeout(daemon, &due) == MHD_YES ? due : ULLONG_MAX;
 }
 
 void FreeText(void* text) {
@@ -123,6 +146,7 @@ struct HttpFront::Request {
   MHD_Connection* handle;
   Connection& connection;
   bool is_checked = false;
+  bool is_last = false;  // the connection ends with the answer, and the body is not waited for
   std::optional<platform::WebSessions::Session> session;
   MHD_PostProcessor* post = nullptr;
   std::vector<std::string> parts = {""};  // as a worker gets them
@@ -132,11 +156,12 @@ struct HttpFront::Request {
 };
 
 HttpFront::HttpFront(const FrontSettings& settings, Poller& poller, WorkerPool& workers,
-                     LoginApi& logins)
+                     LoginApi& logins, RefusalLog& refusals)
     : web_(settings.web),
       poller_(poller),
       workers_(workers),
       logins_(logins),
+      refusals_(refusals),
       most_connections_(static_cast<std::size_t>(settings.web.max_connections)),
       most_per_address_(static_cast<std::size_t>(settings.web.max_connections_per_address)) {}
 
@@ -147,10 +172,7 @@ HttpFront::~HttpFront() {
     poller_.Remove(daemon.epoll);
     MHD_run(daemon.handle);
     MHD_stop_daemon(daemon.handle);
-    // The library has closed the socket, unless it had given it back.
-    if (!is_stopping_) {
-      static_cast<void>(daemon.listener.Release());
-    }
+    static_cast<void>(daemon.listener.Release());  // the library has closed it
   }
 }
 
@@ -181,13 +203,17 @@ void HttpFront::Listen(platform::FileDescriptor socket, bool is_tls) {
   }
   const int epoll = MHD_get_daemon_info(handle, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
   daemons_.push_back({handle, epoll, std::move(socket)});
-  // That it woke the loop up is all that is needed: `Run` comes after every wait.
-  poller_.Add(epoll, EPOLLIN, [](std::uint32_t) {});
+  // `Run` comes after every wait.
+  poller_.Add(epoll, EPOLLIN,
+              [this, i = daemons_.size() - 1](std::uint32_t) { daemons_[i].is_ready = true; });
 }
 
 void HttpFront::Run(Time now) {
-  for (const Daemon& daemon : daemons_) {
-    MHD_run(daemon.handle);
+  for (Daemon& daemon : daemons_) {
+    // Each run asks the kernel, also when there is nothing to do.
+    if (std::exchange(daemon.is_ready, false) || Due(daemon.handle) == 0) {
+      MHD_run(daemon.handle);
+    }
   }
   if (now - last_check_ >= std::chrono::seconds(1)) {
     last_check_ = now;
@@ -198,11 +224,8 @@ void HttpFront::Run(Time now) {
 int HttpFront::Timeout(int longest) const {
   int timeout = longest;
   for (const Daemon& daemon : daemons_) {
-    MHD_UNSIGNED_LONG_LONG due = 0;
-    if (MHD_get_timeout(daemon.handle, &due) == MHD_YES &&
-        due < static_cast<MHD_UNSIGNED_LONG_LONG>(timeout)) {
-      timeout = static_cast<int>(due);
-    }
+    timeout = static_cast<int>(std::min<MHD_UNSIGNED_LONG_LONG>(
+        Due(daemon.handle), static_cast<MHD_UNSIGNED_LONG_LONG>(timeout)));
   }
   return timeout;
 }
@@ -211,8 +234,9 @@ void HttpFront::BeginToStop() {
   if (std::exchange(is_stopping_, true)) {
     return;
   }
-  for (const Daemon& daemon : daemons_) {
-    MHD_quiesce_daemon(daemon.handle);
+  for (Daemon& daemon : daemons_) {
+    MHD_quiesce_daemon(daemon.handle);  // gives the socket back
+    daemon.listener = platform::FileDescriptor();
   }
 }
 
@@ -225,17 +249,17 @@ bool HttpFront::IsIdle() const {
 MHD_Result HttpFront::Admit(void* front, const sockaddr* address, socklen_t /*length*/) {
   auto& self = *static_cast<HttpFront*>(front);
   const std::string text = AddressText(address);
-  const auto found = self.per_address_.find(text);
+  const auto found = self.per_network_.find(platform::ClientNetwork(text));
   const char* reason = nullptr;
   if (self.connections_.size() >= self.most_connections_) {
     reason = "too many connections";
-  } else if (found != self.per_address_.end() && found->second >= self.most_per_address_) {
+  } else if (found != self.per_network_.end() && found->second >= self.most_per_address_) {
     reason = "too many connections from there";
   }
   if (reason == nullptr) {
     return MHD_YES;
   }
-  if (self.MayLog()) {
+  if (self.refusals_.MayWrite(Clock::now())) {
     maillog(LOG_WARNING, "%s:%d connection from %s refused: %s", kSourceFile, kTooManyLine,
             text.c_str(), reason);
   }
@@ -245,7 +269,7 @@ MHD_Result HttpFront::Admit(void* front, const sockaddr* address, socklen_t /*le
 void HttpFront::NoteConnection(void* front, MHD_Connection* connection, void** context,
                                MHD_ConnectionNotificationCode code) {
   auto& connections = static_cast<HttpFront*>(front)->connections_;
-  auto& per_address = static_cast<HttpFront*>(front)->per_address_;
+  auto& per_network = static_cast<HttpFront*>(front)->per_network_;
   if (code == MHD_CONNECTION_NOTIFY_STARTED) {
     const auto info = [&](MHD_ConnectionInfoType type) {
       return MHD_get_connection_info(connection, type);
@@ -257,11 +281,12 @@ void HttpFront::NoteConnection(void* front, MHD_Connection* connection, void** c
          tls == nullptr ? nullptr : static_cast<gnutls_session_t>(tls->tls_session),
          AddressText(address->client_addr)});
     *context = &connections.back();
-    ++per_address[connections.back().address];
+    ++per_network[platform::ClientNetwork(connections.back().address)];
   } else {
-    const auto found = per_address.find(static_cast<Connection*>(*context)->address);
+    const auto found =
+        per_network.find(platform::ClientNetwork(static_cast<Connection*>(*context)->address));
     if (--found->second == 0) {
-      per_address.erase(found);
+      per_network.erase(found);
     }
     connections.remove_if([&](const Connection& one) { return &one == *context; });
   }
@@ -292,8 +317,7 @@ MHD_Result HttpFront::Handle(void* front, MHD_Connection* /*connection*/, const 
   try {
     if (!std::exchange(request.is_checked, true)) {
       self.Check(request, path, method);
-      const bool is_hopeless = request.reply && request.reply->status == MHD_HTTP_CONTENT_TOO_LARGE;
-      return is_hopeless ? self.Reply(request) : MHD_YES;
+      return request.is_last ? self.Reply(request) : MHD_YES;
     }
     if (*size > 0) {
       self.TakeData(request, data, std::exchange(*size, 0));
@@ -321,6 +345,9 @@ void HttpFront::Check(Request& request, const char* path, const char* method) {
     Refuse(request, 503, "the server stops");
   } else if (header_size > static_cast<std::size_t>(web_.max_header)) {
     Refuse(request, 431, "the headers are too large");
+  } else if (!IsLengthClear(request.handle)) {
+    Refuse(request, 400, "the length of the body is not clear");
+    request.is_last = true;
   } else if (std::strcmp(path, "/") == 0 && is_get) {
     Json::Value data;
     data["product"] = "quillon";
@@ -342,9 +369,11 @@ void HttpFront::CheckBody(Request& request) {
     return;
   }
   const char* const length = Header(request.handle, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  // The library has checked that it is a number.
   if (length != nullptr &&
       std::strtoull(length, nullptr, 10) > static_cast<unsigned long long>(web_.max_body)) {
     Refuse(request, MHD_HTTP_CONTENT_TOO_LARGE, "the body is too large");
+    request.is_last = true;
     return;
   }
   const char* const type = Header(request.handle, MHD_HTTP_HEADER_CONTENT_TYPE);
@@ -445,9 +474,9 @@ void HttpFront::Submit(Request& request) {
   const auto deadline = Clock::now() + std::chrono::seconds(web_.request_timeout);
   buffered_ -= std::exchange(request.size, 0);
   const bool is_taken = workers_.Submit(role, std::move(request.parts), deadline,
-                                        [&request](int status, std::string text) {
+                                        [this, &request](int status, std::string text) {
                                           request.reply = {status, std::move(text)};
-                                          MHD_resume_connection(request.handle);
+                                          Resume(request.handle);
                                         });
   if (!is_taken) {
     Refuse(request, 503, "too many calls are waiting");
@@ -458,11 +487,21 @@ void HttpFront::Submit(Request& request) {
   MHD_suspend_connection(request.handle);
 }
 
+// The library wakes nobody up for it.
+void HttpFront::Resume(MHD_Connection* connection) {
+  MHD_resume_connection(connection);
+  const MHD_Daemon* const owner =
+      MHD_get_connection_info(connection, MHD_CONNECTION_INFO_DAEMON)->daemon;
+  for (Daemon& daemon : daemons_) {
+    daemon.is_ready |= daemon.handle == owner;
+  }
+}
+
 void HttpFront::Refuse(Request& request, int status, const char* message) {
   request.reply = Refusal(status, message);
   request.parts.clear();
   request.parts.emplace_back();
-  if (MayLog()) {
+  if (refusals_.MayWrite(Clock::now())) {
     maillog(LOG_WARNING, "%s:%d request from %s refused: %d %s", kSourceFile, kRefusedLine,
             request.connection.address.c_str(), status, message);
   }
@@ -493,7 +532,7 @@ MHD_Result HttpFront::Reply(Request& request) {
   if (reply.retry_after.count() > 0) {
     add(MHD_HTTP_HEADER_RETRY_AFTER, std::to_string(reply.retry_after.count()).c_str());
   }
-  if (is_stopping_) {
+  if (is_stopping_ || request.is_last) {
     add(MHD_HTTP_HEADER_CONNECTION, "close");
   }
   request.connection.Enter(Connection::State::kSending);
@@ -542,23 +581,14 @@ void HttpFront::SayTooSlow(const Connection& connection) {
     static_cast<void>(
         ::send(connection.socket, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
   }
-  if (MayLog()) {
+  if (refusals_.MayWrite(Clock::now())) {
     maillog(LOG_WARNING, "%s:%d request from %s refused: 408 too slow", kSourceFile, kOverdueLine,
             connection.address.c_str());
   }
 }
 
-bool HttpFront::MayLog() {
-  const Time now = Clock::now();
-  if (now - log_window_ >= std::chrono::seconds(1)) {
-    log_window_ = now;
-    logged_ = 0;
-  }
-  return ++logged_ <= kMostLogLinesPerSecond;
-}
-
 void HttpFront::Log(void* front, const char* format, va_list arguments) {
-  if (!static_cast<HttpFront*>(front)->MayLog()) {
+  if (!static_cast<HttpFront*>(front)->refusals_.MayWrite(Clock::now())) {
     return;
   }
   std::array<char, 512> text{};

@@ -16,6 +16,7 @@
 
 #include "login_api.h"
 #include "poller.h"
+#include "refusal_log.h"
 #include "server_certificate.h"
 #include "settings.h"
 #include "worker_pool.h"
@@ -28,7 +29,8 @@ class HttpFront {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  HttpFront(const FrontSettings& settings, Poller& poller, WorkerPool& workers, LoginApi& logins);
+  HttpFront(const FrontSettings& settings, Poller& poller, WorkerPool& workers, LoginApi& logins,
+            RefusalLog& refusals);
   HttpFront(const HttpFront&) = delete;
   HttpFront& operator=(const HttpFront&) = delete;
   ~HttpFront();
@@ -53,6 +55,7 @@ class HttpFront {
     MHD_Daemon* handle;
     int epoll;
     platform::FileDescriptor listener;
+    bool is_ready = true;  // something has happened at its sockets
   };
 
   static MHD_Result Handle(void* front, MHD_Connection* connection, const char* path,
@@ -73,30 +76,28 @@ class HttpFront {
   void CheckBody(Request& request);
   void TakeData(Request& request, const char* data, std::size_t size);
   void Finish(Request& request);
-  void FinishWithoutSession(Request& request, const Json::Value& document);
   void Submit(Request& request);
+  void Resume(MHD_Connection* connection);
   void Refuse(Request& request, int status, const char* message);
   MHD_Result Reply(Request& request);
   void CloseOverdue(Time now);
   void SayTooSlow(const Connection& connection);
-  bool MayLog();
 
   platform::Configuration::Web web_;
   Poller& poller_;
   WorkerPool& workers_;
   LoginApi& logins_;
+  RefusalLog& refusals_;
   std::vector<Daemon> daemons_;
   // Of both daemons; these two limits stay as they were at the start.
   std::list<Connection> connections_;
-  std::unordered_map<std::string, std::size_t> per_address_;
+  std::unordered_map<std::string, std::size_t> per_network_;
   const std::size_t most_connections_;
   const std::size_t most_per_address_;
   std::size_t buffered_ = 0;  // bytes of bodies that are arriving
   std::size_t leaving_ = 0;   // bytes of answers that are being sent
   bool is_stopping_ = false;
   Time last_check_;
-  Time log_window_;
-  int logged_ = 0;
 };
 
 }  // namespace quillon::webapid

@@ -9,6 +9,7 @@
 #include <quillon/platform/login_server.h>
 #include <quillon/platform/web_sessions.h>
 
+#include "refusal_log.h"
 #include "settings.h"
 
 namespace quillon::webapid {
@@ -32,7 +33,7 @@ class LoginApi {
   using Time = std::chrono::steady_clock::time_point;
 
   /// Throws `platform::WebAccountsError` for accounts that do not parse.
-  explicit LoginApi(const FrontSettings& settings);
+  LoginApi(const FrontSettings& settings, RefusalLog& refusals);
 
   /// Replaces the accounts; who is gone or changed is logged out. Throws like the constructor, and
   /// then nothing is changed.
@@ -49,7 +50,9 @@ class LoginApi {
   Reply Start(const Json::Value& params, const std::string& address, Time now);
   Reply Finish(const Json::Value& params, const std::string& address, Time now);
   Reply End(const char* authorization);
+  Reply Refuse(const platform::LoginRefusal& refusal, const std::string& address, Time now);
 
+  RefusalLog& refusals_;
   std::chrono::seconds lifetime_;
   platform::LoginServer server_;
   platform::WebSessions sessions_;

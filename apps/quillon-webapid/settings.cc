@@ -1,12 +1,14 @@
 #include "settings.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <stdexcept>
 #include <system_error>
+#include <type_traits>
 
 #include <json/value.h>
 
@@ -35,30 +37,69 @@ void VisitNumbers(Web& web, const Visit& visit) {
   visit("max_login_failures", web.max_login_failures);
 }
 
-void WriteAll(int file, const std::string& text) {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t step = ::write(file, text.data() + written, text.size() - written);
+// The file has four parts: all that is no secret, as JSON, then the certificate, its key and the
+// accounts. A part is its length and its text: nothing between here and there parses a secret.
+using Length = std::uint64_t;
+
+void Write(int file, const void* data, std::size_t size) {
+  const char* rest = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t step = ::write(file, rest, size);
     if (step < 0) {
       Fail("settings");
     }
-    written += static_cast<std::size_t>(step);
+    rest += step;
+    size -= static_cast<std::size_t>(step);
   }
 }
 
-platform::Secret ReadAll(int file) {
-  struct stat status {};
-  if (::fstat(file, &status) != 0) {
-    Fail("settings");
-  }
-  std::string text(static_cast<std::size_t>(status.st_size), '\0');
-  if (::pread(file, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-    Fail("settings");
-  }
-  platform::Secret secret(text);
-  platform::Wipe(text);
-  return secret;
+void WritePart(int file, const std::string& text) {
+  const Length length = text.size();
+  Write(file, &length, sizeof(length));
+  Write(file, text.data(), text.size());
 }
+
+class PartReader {
+ public:
+  explicit PartReader(int file) : file_(file) {
+    const off_t size = ::lseek(file, 0, SEEK_END);
+    if (size < 0) {
+      Fail("settings");
+    }
+    left_ = static_cast<Length>(size);
+  }
+
+  std::string Next() {
+    Length length = 0;
+    Read(&length, sizeof(length));
+    if (length > left_) {
+      throw std::runtime_error("settings: a part is cut short");
+    }
+    std::string text(static_cast<std::size_t>(length), '\0');
+    Read(text.data(), text.size());
+    return text;
+  }
+
+  platform::Secret NextSecret() {
+    std::string text = Next();
+    platform::Secret secret(text);
+    platform::Wipe(text);
+    return secret;
+  }
+
+ private:
+  void Read(void* data, std::size_t size) {
+    if (size > left_ || ::pread(file_, data, size, at_) != static_cast<ssize_t>(size)) {
+      throw std::runtime_error("settings: the file is cut short");
+    }
+    at_ += static_cast<off_t>(size);
+    left_ -= size;
+  }
+
+  int file_;
+  off_t at_ = 0;
+  Length left_ = 0;
+};
 
 }  // namespace
 
@@ -67,41 +108,45 @@ platform::FileDescriptor WriteSettings(const FrontSettings& settings) {
   VisitNumbers(settings.web, [&](const char* name, auto number) {
     document["web"][name] = static_cast<Json::Int64>(number);
   });
-  document["log_target"] = settings.log_target;
   document["uid"] = settings.uid;
   document["gid"] = settings.gid;
+  document["has_log"] = settings.has_log;
   document["has_http"] = settings.has_http;
   document["has_https"] = settings.has_https;
-  document["certificate"] = settings.certificate;
-  document["private_key"] = settings.private_key.Get();
-  document["accounts"] = settings.accounts.Get();
-  platform::FileDescriptor file(::memfd_create("front settings", MFD_CLOEXEC));
+  platform::FileDescriptor file(::memfd_create("front settings", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!file.IsOpen()) {
     Fail("settings");
   }
-  const platform::Secret text(ToText(document));
-  WriteAll(file.Get(), text.Get());
+  WritePart(file.Get(), ToText(document));
+  WritePart(file.Get(), settings.certificate);
+  WritePart(file.Get(), settings.private_key.Get());
+  WritePart(file.Get(), settings.accounts.Get());
+  if (::fcntl(file.Get(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) !=
+      0) {
+    Fail("settings");
+  }
   return file;
 }
 
 FrontSettings ReadSettings(int file) {
+  PartReader parts(file);
   Json::Value document;
-  if (!ParseObject(ReadAll(file).Get(), document)) {
-    throw std::runtime_error("the settings do not parse");
+  if (!ParseObject(parts.Next(), document)) {
+    throw std::runtime_error("settings: no settings");
   }
   FrontSettings settings;
   VisitNumbers(settings.web, [&](const char* name, auto& number) {
     number =
         static_cast<std::remove_reference_t<decltype(number)>>(document["web"][name].asInt64());
   });
-  settings.log_target = document["log_target"].asString();
   settings.uid = document["uid"].asUInt();
   settings.gid = document["gid"].asUInt();
+  settings.has_log = document["has_log"].asBool();
   settings.has_http = document["has_http"].asBool();
   settings.has_https = document["has_https"].asBool();
-  settings.certificate = document["certificate"].asString();
-  settings.private_key.Set(document["private_key"].asString());
-  settings.accounts.Set(document["accounts"].asString());
+  settings.certificate = parts.Next();
+  settings.private_key = parts.NextSecret();
+  settings.accounts = parts.NextSecret();
   return settings;
 }
 

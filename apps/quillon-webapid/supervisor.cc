@@ -45,6 +45,7 @@ constexpr int kNotReloadedLine = 47;
 constexpr int kStoppedLine = 53;
 constexpr int kHungLine = 59;
 constexpr int kNotStartedLine = 61;
+constexpr int kLeftoverLine = 67;
 
 constexpr int kMillisecondsPerRound = 1000;
 constexpr std::chrono::seconds kLongestStop{9};
@@ -78,16 +79,20 @@ std::string Sibling(const char* name) {
   return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
 }
 
-// The front cannot open the log's file itself.
+// The front cannot open the log's file itself. Nothing for syslog.
 FileDescriptor OpenLog() {
   const auto log = platform::CurrentConfiguration()->log;
-  if (log.target != "file") {
+  if (log.target == "syslog") {
     return FileDescriptor();
   }
-  FileDescriptor file(::open(
-      log.file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0640));
+  FileDescriptor file(
+      log.target == "stderr"
+          ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+          : ::open(log.file.c_str(),
+                   O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY,
+                   0640));
   if (!file.IsOpen()) {
-    Fail(log.file);
+    Fail("log." + log.target + " " + log.file);
   }
   return file;
 }
@@ -107,7 +112,6 @@ struct Program {
   std::string path;
   std::string argument;  // none when empty
   int socket;            // becomes `kSupervisorSocket`
-  int standard_error;    // -1: this process's own
 };
 
 // In the child, between fork and exec: system calls only.
@@ -118,9 +122,6 @@ struct Program {
     ::_exit(EXIT_FAILURE);
   }
   ::sigprocmask(SIG_SETMASK, &signals, nullptr);
-  if (program.standard_error >= 0) {
-    ::dup2(program.standard_error, STDERR_FILENO);
-  }
   if (program.socket == kSupervisorSocket) {
     ::fcntl(program.socket, F_SETFD, 0);
   } else {
@@ -130,7 +131,12 @@ struct Program {
   ::_exit(127);
 }
 
-pid_t Start(const Program& program, const sigset_t& signals) {
+// Signals that were meant for this process and went to all of its group do not end the program, nor
+// does one that arrives before it is ready for it.
+pid_t Start(const Program& program, sigset_t signals) {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    ::sigaddset(&signals, signal);
+  }
   std::array<char*, 3> arguments = {const_cast<char*>(program.path.c_str()), nullptr, nullptr};
   if (!program.argument.empty()) {
     arguments[1] = const_cast<char*>(program.argument.c_str());
@@ -177,6 +183,9 @@ Supervisor::~Supervisor() {
   for (const Child& worker : workers_) {
     Kill(worker.pid, SIGKILL);
   }
+  for (const Leftover& one : leftovers_) {
+    Kill(one.pid, SIGKILL);
+  }
   ::sigprocmask(SIG_SETMASK, &former_signals_, nullptr);
 }
 
@@ -184,7 +193,7 @@ FrontSettings Supervisor::LoadSettings() const {
   const auto configuration = platform::CurrentConfiguration();
   FrontSettings settings;
   settings.web = configuration->web;
-  settings.log_target = configuration->log.target == "syslog" ? "syslog" : "stderr";
+  settings.has_log = configuration->log.target != "syslog";
   errno = 0;
   const passwd* const user = ::getpwnam(settings.web.user.c_str());
   if (user == nullptr || user->pw_uid == 0 || user->pw_gid == 0) {
@@ -206,10 +215,15 @@ FrontSettings Supervisor::LoadSettings() const {
   return settings;
 }
 
+// The front has ended, and so has what its workers were doing.
+bool Supervisor::HasStopped() const {
+  return is_stopping_ && front_.pid == 0 && (leftovers_.empty() || Clock::now() >= stop_by_);
+}
+
 int Supervisor::Run() {
   last_notified_ = Clock::now();
   const auto watchdog = WatchdogInterval();
-  while (!is_stopping_ || front_.pid > 0) {
+  while (!HasStopped()) {
     StartWhatIsDue();
     std::array<pollfd, 2> waiting = {pollfd{signals_.Get(), POLLIN, 0},
                                      pollfd{control_.Get(), POLLIN, 0}};
@@ -219,6 +233,7 @@ int Supervisor::Run() {
     }
     HandleSignals();
     CheckFront();
+    CheckLeftovers();
     ReloadChangedAccounts();
     if (watchdog.count() > 0 && is_ready_ && Clock::now() - last_notified_ >= watchdog) {
       last_notified_ = Clock::now();
@@ -250,25 +265,21 @@ void Supervisor::StartWhatIsDue() {
 }
 
 void Supervisor::StartFront() {
-  const FrontSettings settings = LoadSettings();
-  accounts_state_ = StateOf(settings.web.accounts_file);
-  const FileDescriptor file = WriteSettings(settings);
-  std::vector<int> descriptors = {file.Get()};
-  for (const FileDescriptor* listener : {&http_, &https_}) {
-    if (listener->IsOpen()) {
-      descriptors.push_back(listener->Get());
+  const SettingsFiles files = OpenSettings();
+  std::vector<int> descriptors = {files.settings.Get()};
+  for (const FileDescriptor* further :
+       std::array<const FileDescriptor*, 3>{&files.log, &http_, &https_}) {
+    if (further->IsOpen()) {
+      descriptors.push_back(further->Get());
     }
   }
   ControlSockets sockets = MakeControlSockets();
-  const FileDescriptor log = OpenLog();
-  front_.pid = Start({Sibling("quillon-webapid-front"), "", sockets.theirs.Get(), log.Get()},
-                     former_signals_);
+  front_.pid = Start({Sibling("quillon-webapid-front"), "", sockets.theirs.Get()}, former_signals_);
   front_.started = Clock::now();
   last_alive_ = front_.started;
   ++front_.generation;
   control_ = std::move(sockets.ours);
   Send(control_.Get(), {ControlMessage::kSettings}, descriptors);
-  // The workers of a former front have lost their other end, and end by themselves.
 }
 
 void Supervisor::StartWorker(std::uint32_t worker) {
@@ -279,11 +290,8 @@ void Supervisor::StartWorker(std::uint32_t worker) {
   const FileDescriptor front_end(ends[0]);
   const FileDescriptor worker_end(ends[1]);
   Child& child = workers_[worker];
-  // Signals that arrive before it is ready for them must not end it.
-  sigset_t signals = former_signals_;
-  ::sigaddset(&signals, SIGHUP);
-  child.pid = Start({Sibling("quillon-webapid-worker"), configuration_file_, worker_end.Get(), -1},
-                    signals);
+  child.pid = Start({Sibling("quillon-webapid-worker"), configuration_file_, worker_end.Get()},
+                    former_signals_);
   child.started = Clock::now();
   ++child.generation;
   Send(control_.Get(), {ControlMessage::kWorker, worker, child.generation}, {front_end.Get()});
@@ -327,25 +335,32 @@ void Supervisor::Reload() {
 
 void Supervisor::ReloadChangedAccounts() {
   const std::string path = platform::CurrentConfiguration()->web.accounts_file;
-  const std::string state = StateOf(path);
-  if (is_stopping_ || state == accounts_state_) {
+  if (is_stopping_ || StateOf(path) == accounts_state_) {
     return;
   }
   try {
     SendSettings();
   } catch (const std::exception& error) {
-    accounts_state_ = state;  // said once
     maillog(LOG_ERR, "%s:%d accounts not reloaded: %s", kSourceFile, kNotReloadedLine,
             error.what());
   }
 }
 
+// The state first: a change while the file is being read is noticed later.
+Supervisor::SettingsFiles Supervisor::OpenSettings() {
+  accounts_state_ = StateOf(platform::CurrentConfiguration()->web.accounts_file);
+  return {WriteSettings(LoadSettings()), OpenLog()};
+}
+
 void Supervisor::SendSettings() {
-  const FrontSettings settings = LoadSettings();
-  accounts_state_ = StateOf(settings.web.accounts_file);
-  const FileDescriptor file = WriteSettings(settings);
-  if (control_.IsOpen() && !Send(control_.Get(), {ControlMessage::kSettings}, {file.Get()})) {
-    throw std::runtime_error("the front does not listen");
+  const SettingsFiles files = OpenSettings();
+  std::vector<int> descriptors = {files.settings.Get()};
+  if (files.log.IsOpen()) {
+    descriptors.push_back(files.log.Get());
+  }
+  if (control_.IsOpen() && !Send(control_.Get(), {ControlMessage::kSettings}, descriptors)) {
+    // It hangs, or is gone: the next one gets the new settings.
+    Kill(front_.pid, SIGKILL);
   }
 }
 
@@ -390,12 +405,39 @@ void Supervisor::Reap() {
     if (pid == front_.pid) {
       control_ = FileDescriptor();
       NoteEnd(front_, "front", status);
+      LeaveWorkers();
       continue;
     }
+    std::erase_if(leftovers_, [pid](const Leftover& one) { return one.pid == pid; });
     const auto worker = std::find_if(workers_.begin(), workers_.end(),
                                      [pid](const Child& child) { return child.pid == pid; });
     if (worker != workers_.end()) {
       NoteEnd(*worker, "worker", status);
+    }
+  }
+}
+
+// The workers of a front that has ended have lost their other end, and end by themselves when they
+// have done what they are doing. The next front gets others at once.
+void Supervisor::LeaveWorkers() {
+  const auto kill_at =
+      Clock::now() + std::chrono::seconds(platform::CurrentConfiguration()->web.request_timeout);
+  for (Child& worker : workers_) {
+    if (worker.pid > 0) {
+      leftovers_.push_back({worker.pid, kill_at});
+      worker.pid = 0;
+    }
+  }
+}
+
+// Nobody else watches whether they hang.
+void Supervisor::CheckLeftovers() {
+  const auto now = Clock::now();
+  for (Leftover& one : leftovers_) {
+    if (now >= one.kill_at) {
+      maillog(LOG_ERR, "%s:%d a worker whose front has ended hangs", kSourceFile, kLeftoverLine);
+      Kill(one.pid, SIGKILL);
+      one.kill_at = Clock::time_point::max();
     }
   }
 }
@@ -414,12 +456,13 @@ void Supervisor::NoteEnd(Child& child, const char* name, int status) {
   }
 }
 
-// The workers end when the front has: it holds the other ends of their sockets.
 void Supervisor::Stop() {
   if (std::exchange(is_stopping_, true)) {
     return;
   }
   stop_by_ = Clock::now() + kLongestStop;
+  http_ = FileDescriptor();  // whoever calls now is refused by the kernel, when the front agrees
+  https_ = FileDescriptor();
   Notify("STOPPING=1");
   if (!control_.IsOpen() || !Send(control_.Get(), {ControlMessage::kStop})) {
     Kill(front_.pid, SIGKILL);

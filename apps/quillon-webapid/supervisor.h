@@ -42,7 +42,21 @@ class Supervisor {
     std::chrono::milliseconds delay{0};
   };
 
+  // A worker whose front has ended.
+  struct Leftover {
+    pid_t pid;
+    Clock::time_point kill_at;
+  };
+
+  // What the front gets, at first and whenever it changes.
+  struct SettingsFiles {
+    platform::FileDescriptor settings;
+    platform::FileDescriptor log;  // none for syslog
+  };
+
   FrontSettings LoadSettings() const;
+  SettingsFiles OpenSettings();
+  bool HasStopped() const;
   void StartWhatIsDue();
   void StartFront();
   void StartWorker(std::uint32_t worker);
@@ -54,6 +68,8 @@ class Supervisor {
   void Reap();
   void NoteEnd(Child& child, const char* name, int status);
   void CheckFront();
+  void LeaveWorkers();
+  void CheckLeftovers();
   void Stop();
 
   std::string configuration_file_;
@@ -64,6 +80,7 @@ class Supervisor {
   platform::FileDescriptor control_;  // to the front; closed without one
   Child front_;
   std::vector<Child> workers_;
+  std::vector<Leftover> leftovers_;
   std::string accounts_state_;
   bool is_ready_ = false;
   bool is_stopping_ = false;

@@ -113,9 +113,17 @@ void Send(int socket, std::string_view bytes) {
   }
 }
 
-bool WaitForInput(int socket) {
-  pollfd waiting{socket, POLLIN, 0};
-  return ::poll(&waiting, 1, kIdleMilliseconds) > 0;
+struct Awaited {
+  bool has_input;
+  bool has_signal;
+};
+
+Awaited Wait(int socket, int signals) {
+  std::array<pollfd, 2> waiting = {pollfd{socket, POLLIN, 0}, pollfd{signals, POLLIN, 0}};
+  if (::poll(waiting.data(), waiting.size(), kIdleMilliseconds) <= 0) {
+    return {false, false};
+  }
+  return {waiting[0].revents != 0, waiting[1].revents != 0};
 }
 
 // False at the end of the stream.
@@ -151,12 +159,12 @@ Frame Answer(const Frame& request) {
           {std::move(outcome.text)}};
 }
 
-void Serve(int socket, void (*between)()) {
+void Serve(int socket, int signals, void (*between)(bool has_signal)) {
   FrameReader reader;
   while (true) {
-    const bool has_input = WaitForInput(socket);
-    between();
-    if (!has_input) {
+    const Awaited awaited = Wait(socket, signals);
+    between(awaited.has_signal);
+    if (!awaited.has_input) {
       continue;
     }
     if (!Receive(socket, reader)) {

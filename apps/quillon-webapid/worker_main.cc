@@ -1,5 +1,8 @@
 // One worker: root, one thread, one call at a time. It has no socket but that to the front.
+#include <pthread.h>
+#include <sys/signalfd.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -8,6 +11,7 @@
 
 #include <quillon/handlers/register.h>
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/file_descriptor.h>
 #include <quillon/platform/utilization.h>
 #include <velamailserver/maillog.h>
 
@@ -29,20 +33,28 @@ void LoadConfigurationFile() {
   }
 }
 
-// Blocked, so that no call is interrupted by it; asked for between the calls.
-sigset_t ReloadSignal() {
+// Blocked, so that no call is interrupted by it; taken between the calls.
+quillon::platform::FileDescriptor reload_signal;
+
+void BlockReloadSignal() {
   sigset_t signals;
   ::sigemptyset(&signals);
   ::sigaddset(&signals, SIGHUP);
-  return signals;
+  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+  reload_signal =
+      quillon::platform::FileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-void ReloadIfAsked() {
-  static const sigset_t kSignals = ReloadSignal();
-  constexpr timespec kNow{};
-  if (::sigtimedwait(&kSignals, nullptr, &kNow) != SIGHUP) {
-    return;
-  }
+// A call may leave a process behind that works on after it: nobody could end that otherwise.
+void UnblockSignals() {
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void Reload() {
+  signalfd_siginfo info{};
+  static_cast<void>(!::read(reload_signal.Get(), &info, sizeof(info)));
   try {
     LoadConfigurationFile();
   } catch (const std::exception& error) {
@@ -51,21 +63,23 @@ void ReloadIfAsked() {
   }
 }
 
-void BetweenCalls() {
+void BetweenCalls(bool has_signal) {
   quillon::platform::SampleUtilization();
-  ReloadIfAsked();
+  if (has_signal) {
+    Reload();
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const sigset_t signals = ReloadSignal();
-  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+  BlockReloadSignal();
+  ::pthread_atfork(nullptr, nullptr, UnblockSignals);
   try {
     configuration_file = argc > 1 ? argv[1] : "";
     LoadConfigurationFile();
     quillon::handlers::RegisterAll();
-    quillon::webapid::Serve(quillon::webapid::kSupervisorSocket, BetweenCalls);
+    quillon::webapid::Serve(quillon::webapid::kSupervisorSocket, reload_signal.Get(), BetweenCalls);
   } catch (const std::exception& error) {
     maillog(LOG_ERR, "%s:%d %s", kSourceFile, kEndedLine, error.what());
     return EXIT_FAILURE;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include <velamailserver/maillog.h>
@@ -112,13 +113,14 @@ void WorkerPool::Handle(std::uint32_t index, std::uint32_t events) {
 
 // A worker that is gone is noticed when its end of the stream is read.
 void WorkerPool::SendMore(Worker& worker) {
-  const ssize_t sent = ::send(worker.socket.Get(), worker.unsent.data(), worker.unsent.size(),
-                              MSG_NOSIGNAL | MSG_DONTWAIT);
-  if (sent > 0) {
-    worker.unsent.erase(0, static_cast<std::size_t>(sent));
-  }
-  if (sent < 0 && errno != EAGAIN && errno != EINTR) {
-    worker.unsent.clear();
+  const std::string_view rest = std::string_view(worker.unsent).substr(worker.sent);
+  const ssize_t sent =
+      ::send(worker.socket.Get(), rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  const bool is_gone = sent < 0 && errno != EAGAIN && errno != EINTR;
+  worker.sent += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
+  if (is_gone || worker.sent == worker.unsent.size()) {
+    worker.unsent = std::string();
+    worker.sent = 0;
   }
   const bool waits = !worker.unsent.empty();
   if (waits != worker.waits_to_send) {
@@ -140,7 +142,7 @@ void WorkerPool::ReceiveMore(std::uint32_t index) {
   }
   worker.reader.Append({piece.data(), static_cast<std::size_t>(got)});
   try {
-    if (auto frame = worker.reader.Next()) {
+    while (auto frame = worker.reader.Next()) {
       TakeAnswer(worker, std::move(*frame));
     }
   } catch (const FrameError& error) {
@@ -170,7 +172,8 @@ void WorkerPool::Drop(Worker& worker, int status, const char* message) {
   poller_.Remove(worker.socket.Get());
   worker.socket = platform::FileDescriptor();
   worker.reader = FrameReader();
-  worker.unsent.clear();
+  worker.unsent = std::string();
+  worker.sent = 0;
   worker.waits_to_send = false;
   if (worker.call == kNone) {
     return;

@@ -56,7 +56,8 @@ class WorkerPool {
     std::uint32_t generation = 0;
     platform::FileDescriptor socket;
     FrameReader reader;
-    std::string unsent;
+    std::string unsent;  // a request of which `sent` bytes have left already
+    std::size_t sent = 0;
     bool waits_to_send = false;
     std::uint32_t call = kNone;
   };

@@ -1,5 +1,6 @@
 #include "host_commands.h"
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "number.h"
 #include "options.h"
 #include "output.h"
+#include "progress.h"
 
 namespace {
 
@@ -33,28 +35,70 @@ std::vector<Destination> ServersOf(const HostAddress& address, const std::string
   return {WebServerAt(address, kHTTP), WebServerAt(address, kHTTPS)};
 }
 
-int Probe(const HostAddress& address, const RemoteOptions& remote) {
-  int code = kFailed;
-  for (const Destination& server : ServersOf(address, remote.protocol)) {
-    const bool is_active = IsPortActive(server.host, server.protocol, server.port);
+struct ProbeOptions {
+  HostAddress address;
+  bool as_json = false;
+};
+
+struct ProbeResult {
+  Destination server;
+  bool is_active;
+};
+
+std::vector<ProbeResult> ProbeServers(const ProbeOptions& options, const RemoteOptions& remote) {
+  std::vector<ProbeResult> results;
+  for (const Destination& server : ServersOf(options.address, remote.protocol)) {
+    const Progress progress;
+    progress.Show(fmt::format("waiting for {}:{}", server.host, server.port));
+    results.push_back({server, IsPortActive(server.host, server.protocol, server.port)});
+  }
+  return results;
+}
+
+void WriteProbes(const std::vector<ProbeResult>& results) {
+  for (const auto& [server, is_active] : results) {
     WriteOutput(fmt::format("{}://{}:{} {}\n", server.protocol, server.host, server.port,
                             is_active ? "answers" : "does not answer"));
-    if (is_active) {
-      code = kDone;
-    }
   }
-  return code;
+}
+
+void WriteProbesAsJson(const std::vector<ProbeResult>& results) {
+  Json::Value document;
+  for (const auto& [server, is_active] : results) {
+    Json::Value entry;
+    entry["host"] = server.host;
+    entry["protocol"] = server.protocol;
+    entry["port"] = server.port;
+    entry["answers"] = is_active;
+    document["servers"].append(entry);
+  }
+  WriteJson(document);
+}
+
+int Probe(const ProbeOptions& options, const RemoteOptions& remote) {
+  const auto results = ProbeServers(options, remote);
+  if (options.as_json) {
+    WriteProbesAsJson(results);
+  } else {
+    WriteProbes(results);
+  }
+  return std::any_of(results.begin(), results.end(),
+                     [](const ProbeResult& result) { return result.is_active; })
+             ? kDone
+             : kFailed;
 }
 
 void AddProbe(CLI::App& host, RemoteOptions& remote, Command& command) {
-  const auto address = std::make_shared<HostAddress>();
+  const auto options = std::make_shared<ProbeOptions>();
   CLI::App* probe = host.add_subcommand("probe", "See whether a host's web server answers");
-  AddParsed(*probe, "HOST", *address, ParseHost, "host, and port unless it is one of the usual two")
+  AddParsed(*probe, "HOST", options->address, ParseHost,
+            "host, and port unless it is one of the usual two")
       ->type_name("")
       ->required();
+  probe->add_flag("--json", options->as_json, "print JSON");
   probe->footer("Example: quillonctl host probe mail2");
-  probe->callback([address, &remote, &command] {
-    command = [address, &remote] { return Probe(*address, remote); };
+  probe->callback([options, &remote, &command] {
+    command = [options, &remote] { return Probe(*options, remote); };
   });
 }
 

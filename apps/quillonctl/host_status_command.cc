@@ -15,11 +15,14 @@
 #include <fmt/format.h>
 #include <json/value.h>
 
+#include <quillon/platform/printable.h>
+#include <quillon/platform/utilization.h>
 #include <velamailserver/utils.h>
 
 #include "number.h"
 #include "options.h"
 #include "output.h"
+#include "progress.h"
 #include "size.h"
 #include "table.h"
 
@@ -30,8 +33,9 @@ constexpr char kThisHost[] = "this host";
 constexpr unsigned kDefaultPause = 2;  // seconds
 
 struct StatusOptions {
-  std::vector<std::string> hosts;
-  std::optional<unsigned> pause;  // seconds, when it is asked for again and again
+  std::vector<std::string> names;  // as they were given
+  std::vector<std::string> hosts;  // as the library wants them
+  std::optional<unsigned> pause;   // seconds, when it is asked for again and again
   bool as_json = false;
 };
 
@@ -56,13 +60,28 @@ Json::Value Entry(const std::string& name, const std::optional<Json::Value>& fig
   return entry;
 }
 
+// This process has taken no sample yet, and with one alone the figures would be averages since the
+// start of the host.
+void SampleThisHost() {
+  quillon::platform::SampleUtilization();
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  quillon::platform::SampleUtilization();
+}
+
+// A host that cannot be reached takes 20 seconds, so it is shown who is being asked.
 Json::Value Ask(const StatusOptions& options, RemoteOptions& remote) {
   Json::Value entries(Json::arrayValue);
   if (options.hosts.empty()) {
+    SampleThisHost();
     entries.append(Entry(kThisHost, FiguresOf("", "", "")));
   }
-  for (const std::string& host : options.hosts) {
-    entries.append(Entry(host, FiguresOf(host, remote.account, remote.Password().Get())));
+  for (std::size_t i = 0; i < options.hosts.size(); ++i) {
+    const std::string& password = remote.Password().Get();
+    const Progress progress;
+    progress.Show(fmt::format("asking {} ({} of {})",
+                              quillon::platform::Printable(options.names[i]), i + 1,
+                              options.hosts.size()));
+    entries.append(Entry(options.names[i], FiguresOf(options.hosts[i], remote.account, password)));
   }
   return entries;
 }
@@ -159,13 +178,18 @@ unsigned ParsePause(const std::string& text) {
   return pause;
 }
 
-// The library looks for the web server on its default ports only.
-void CheckHosts(const StatusOptions& options, const RemoteOptions& remote) {
-  for (const std::string& host : options.hosts) {
+// The library looks for the web server on its default ports only, of either protocol.
+void TakeHosts(StatusOptions& options, const RemoteOptions& remote) {
+  if (!remote.protocol.empty()) {
+    throw CLI::ValidationError("--protocol", "the status is asked for over whatever answers");
+  }
+  for (const std::string& name : options.names) {
     remote.RequireAccount();
-    if (Parsed(kHosts, host, ParseHost).port != kAnyPort) {
-      throw CLI::ValidationError(kHosts, fmt::format("[{}]: give the host without a port", host));
+    const HostAddress address = Parsed(kHosts, name, ParseHost);
+    if (address.port != kAnyPort) {
+      throw CLI::ValidationError(kHosts, fmt::format("[{}]: give the host without a port", name));
     }
+    options.hosts.push_back(address.host);
   }
 }
 
@@ -175,7 +199,7 @@ void AddHostStatus(CLI::App& host, RemoteOptions& remote, Command& command) {
   const auto options = std::make_shared<StatusOptions>();
   CLI::App* status = host.add_subcommand(
       "status", "Show the load of hosts, of those on the usual ports, or of this one");
-  status->add_option(kHosts, options->hosts, "hosts; none for this one")->type_name("");
+  status->add_option(kHosts, options->names, "hosts; none for this one")->type_name("");
   status
       ->add_option_function<std::string>(
           "--watch",
@@ -188,7 +212,7 @@ void AddHostStatus(CLI::App& host, RemoteOptions& remote, Command& command) {
   status->add_flag("--json", options->as_json, "print JSON");
   status->footer("Example: quillonctl host status mail1 mail2 --account boss --watch 5");
   status->callback([options, &remote, &command] {
-    CheckHosts(*options, remote);
+    TakeHosts(*options, remote);
     command = [options, &remote] { return Show(*options, remote); };
   });
 }

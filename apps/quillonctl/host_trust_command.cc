@@ -1,16 +1,16 @@
 #include "host_trust_command.h"
 
-#include <algorithm>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
+#include <json/value.h>
 
 #include <quillon/platform/host_trust.h>
 #include <quillon/platform/printable.h>
-#include <velamailserver/utils/text.h>
 
 #include "confirm.h"
 #include "options.h"
@@ -31,19 +31,42 @@ struct TrustOptions {
   bool is_agreed = false;
   bool is_removal = false;
   bool is_list = false;
+  bool as_json = false;
 
   int Port() const { return address->port == kAnyPort ? kDefaultHTTPSPort : address->port; }
   std::string Name() const { return fmt::format("{}:{}", address->host, Port()); }
 };
 
-int List() {
+void WriteListJson(const std::vector<TrustedHost>& hosts) {
+  Json::Value list(Json::arrayValue);
+  for (const TrustedHost& known : hosts) {
+    Json::Value entry;
+    entry["host"] = known.host;
+    entry["port"] = known.port;
+    entry["key"] = known.fingerprint;
+    list.append(entry);
+  }
+  Json::Value document;
+  document["hosts"] = list;
+  WriteJson(document);
+}
+
+void WriteListTable(const std::vector<TrustedHost>& hosts) {
   Table table({{kHost, Table::Align::kLeft}, {"KEY", Table::Align::kLeft}});
-  for (const TrustedHost& known : ListTrustedHosts()) {
+  for (const TrustedHost& known : hosts) {
     table.AddRow({{fmt::format("{}:{}", Printable(known.host), known.port)}, {known.fingerprint}});
   }
   fmt::memory_buffer out;
   table.AppendTo(out);
   WriteOutput({out.data(), out.size()});
+}
+
+int List(const TrustOptions& options) {
+  if (options.as_json) {
+    WriteListJson(ListTrustedHosts());
+  } else {
+    WriteListTable(ListTrustedHosts());
+  }
   return kDone;
 }
 
@@ -55,18 +78,8 @@ int Remove(const TrustOptions& options) {
   return kDone;
 }
 
-std::optional<std::string> KnownKey(const TrustOptions& options) {
-  const std::string host = velamailserver::utils::ToLowerCase(options.address->host);
-  for (const TrustedHost& known : ListTrustedHosts()) {
-    if (known.host == host && known.port == options.Port()) {
-      return known.fingerprint;
-    }
-  }
-  return std::nullopt;
-}
-
 int Trust(const TrustOptions& options) {
-  const auto known = KnownKey(options);
+  const auto known = quillon::platform::RememberedHostKey(options.address->host, options.Port());
   const std::string key = quillon::platform::FetchHostKey(options.address->host, options.Port());
   WriteOutput(fmt::format("{} has the key {}\n", options.Name(), key));
   if (known == key) {
@@ -87,7 +100,7 @@ int Trust(const TrustOptions& options) {
 
 int Run(const TrustOptions& options) {
   if (options.is_list) {
-    return List();
+    return List(options);
   }
   return options.is_removal ? Remove(options) : Trust(options);
 }
@@ -113,7 +126,9 @@ void AddHostTrust(CLI::App& host, Command& command) {
   trust->add_flag("--yes", options->is_agreed, "do not ask; needed where there is no terminal");
   CLI::Option* remove =
       trust->add_flag("--remove", options->is_removal, "do not trust the key of the host any more");
-  trust->add_flag("--list", options->is_list, "show all keys that are trusted")->excludes(remove);
+  CLI::Option* list = trust->add_flag("--list", options->is_list, "show all keys that are trusted");
+  list->excludes(remove);
+  trust->add_flag("--json", options->as_json, "print the list as JSON")->needs(list);
   trust->footer("Example: quillonctl host trust mail2");
   trust->callback([options, &command] {
     Check(*options);

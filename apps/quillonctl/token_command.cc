@@ -27,7 +27,7 @@ int PrintToken(const HostAddress& address, RemoteOptions& remote) {
   }
   if (prepare_login(cred.get(), server.host, server.account, server.password.Get(), server.protocol,
                     server.port) != 0 ||
-      !VELA::CredRequestUtil::Login(cred.get(), session.get())) {
+      !quillon::platform::LogInForLong(cred.get(), session.get())) {
     throw NotCalled(server.host);
   }
   WriteOutput(quillon::platform::SessionToken(*session));

@@ -24,7 +24,7 @@ TEST(AnswerShape, MayBeNested200LevelsDeep) {
 }
 
 TEST(AnswerShape, IsNotDeepBecauseItIsLong) {
-  EXPECT_EQ(ObjectToShape("[" + Repeated("[],{},", 100000) + "1]"), nullptr);
+  EXPECT_EQ(ObjectToShape(std::string("[") + Repeated("[],{},", 100000) + "1]"), nullptr);
   EXPECT_EQ(ObjectToShape(Repeated("]", 300) + Repeated("[", 200)), nullptr);
 }
 

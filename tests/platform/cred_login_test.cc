@@ -13,6 +13,7 @@
 #include <json/writer.h>
 
 #include <quillon/platform/login_server.h>
+#include <quillon/platform/session_token.h>
 #include <quillon/platform/web_accounts.h>
 #include <vela/cred.h>
 
@@ -53,9 +54,11 @@ Json::Value Refusal() {
 
 class CredLogin : public CredTest {
  protected:
-  CredLogin() {
+  CredLogin() { AddAccount("operator", "the password"); }
+
+  void AddAccount(const std::string& name, const std::string& password) {
     const std::string path = folder_ / "web-accounts";
-    AddWebAccount(path, "operator", WebRole::kAdmin, Secret("the password"));
+    AddWebAccount(path, name, WebRole::kAdmin, Secret(password));
     accounts_ = ParseWebAccounts(ReadWebAccountsFile(path).Get(), path);
   }
 
@@ -102,7 +105,7 @@ class CredLogin : public CredTest {
     const Cred cred = MakeCred(server.port(), "http", password.c_str());
     VELACredItemSetRemoteAccount(cred.get(), account_.c_str());
     session_->token.Set("a token of before");
-    return VELA::CredRequestUtil::Login(cred.get(), session_.get());
+    return log_in_(cred.get(), session_.get());
   }
   bool Login(const std::string& password) { return Login(password, start_, finish_); }
 
@@ -145,6 +148,7 @@ class CredLogin : public CredTest {
     };
   }
 
+  bool (*log_in_)(_tag_vela_cred_*, _tag_vela_cred_sess_*) = VELA::CredRequestUtil::Login;
   std::string account_ = "operator";
   std::vector<WebAccount> accounts_;
   std::unique_ptr<LoginServer> host_;
@@ -164,6 +168,34 @@ TEST_F(CredLogin, KeepsTheTokenOfAGoodOne) {
     EXPECT_THAT(request.head, Not(HasSubstr("Authorization")));
     EXPECT_THAT(request.head + request.body, Not(HasSubstr("the password")));
   }
+}
+
+TEST_F(CredLogin, AsksForAShortSessionUnlessALongOneIsMeant) {
+  ASSERT_TRUE(Login("the password"));
+  EXPECT_EQ(Parse(requests_[1].body)["params"]["lifetime"], 300);
+  requests_.clear();
+  log_in_ = LogInForLong;
+  ASSERT_TRUE(Login("the password"));
+  EXPECT_FALSE(Parse(requests_[1].body)["params"].isMember("lifetime"));
+  EXPECT_EQ(SessionToken(*session_), kToken);
+}
+
+TEST_F(CredLogin, TakesAnAccentedLetterInBothItsForms) {
+  AddAccount("accented", "caf\xc3\xa9 au lait");
+  account_ = "accented";
+  EXPECT_TRUE(Login("caf\xc3\xa9 au lait"));
+  EXPECT_TRUE(Login("cafe\xcc\x81 au lait"));
+  ExpectFailure(Login("cafe au lait"), "refused by the host");
+}
+
+TEST_F(CredLogin, FailsWithAPasswordThatIsNoText) {
+  for (const char* password : {"secret \xff", "secret\t1"}) {
+    requests_.clear();
+    EXPECT_FALSE(Login(password));
+    EXPECT_EQ(requests_.size(), 1U);
+  }
+  EXPECT_THAT(Log(),
+              AllOf(HasSubstr("failed: the password must be UTF-8"), Not(HasSubstr("secret"))));
 }
 
 TEST_F(CredLogin, FailsWithAWrongPasswordOrAnUnknownAccount) {
@@ -211,10 +243,13 @@ TEST_F(CredLogin, FailsWithMessagesOfAnEarlierOne) {
 TEST_F(CredLogin, RefusesTooFewAndTooManyIterations) {
   for (const char* iterations : {"1", "4095", "1000001", "4294967296", "99999999999999999999"}) {
     requests_.clear();
-    ExpectFailure(Login("the password", AskForIterations(iterations), finish_), "");
+    ExpectFailure(Login("the password", AskForIterations(iterations), finish_),
+                  "the host asks for ");
     EXPECT_EQ(requests_.size(), 1U) << iterations;
   }
-  EXPECT_THAT(Log(), HasSubstr("asks for a number of iterations that is not acceptable"));
+  EXPECT_THAT(Log(), AllOf(HasSubstr("for 1 iterations, which is not from 4096 to 1000000"),
+                           HasSubstr("for 4095 iterations, which is not from 4096 to 1000000"),
+                           HasSubstr("for 1000001 iterations, which is not from 4096 to 1000000")));
   requests_.clear();
   ExpectFailure(Login("the password", AskForIterations("4096"), finish_), "");
   EXPECT_EQ(requests_.size(), 2U);

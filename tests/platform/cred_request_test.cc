@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -83,6 +85,21 @@ class CredRequestTest : public CredTest {
   }
 };
 
+// The sockets of this process that are connected to a port.
+std::vector<int> ConnectionsTo(int port) {
+  std::vector<int> sockets;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int fd = std::stoi(entry.path().filename().string());
+    sockaddr_in peer{};
+    socklen_t size = sizeof(peer);
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+        peer.sin_family == AF_INET && ::ntohs(peer.sin_port) == port) {
+      sockets.push_back(fd);
+    }
+  }
+  return sockets;
+}
+
 TEST_F(CredRequestTest, CountsAnyAnswerAsAnAnsweredProbe) {
   for (const char* status : {"200 OK", "404 Not Found", "500 Internal Server Error", "401 No"}) {
     const ScriptedServer server(AnswerAlways("{}", status));
@@ -92,8 +109,9 @@ TEST_F(CredRequestTest, CountsAnyAnswerAsAnAnsweredProbe) {
 
 TEST_F(CredRequestTest, FollowsNoRedirect) {
   const ScriptedServer elsewhere(AnswerAlways("elsewhere"));
-  const ScriptedServer server(SendAndHangUp("HTTP/1.1 302 Found\r\nLocation: " + elsewhere.URL() +
-                                            "/\r\nContent-Length: 4\r\n\r\nhere"));
+  const ScriptedServer server(
+      SendAndHangUp("HTTP/1.1 302 Found\r\nLocation: " + elsewhere.URL() +
+                    "/\r\nConnection: close\r\nContent-Length: 4\r\n\r\nhere"));
   EXPECT_EQ(Probe(server.URL()), 0);
   EXPECT_EQ(Call(server.port()), "here");
   EXPECT_EQ(elsewhere.connections(), 0);
@@ -139,6 +157,30 @@ TEST_F(CredRequestTest, WaitsWithoutLimitForATimeoutOfZero) {
   EXPECT_EQ(Call(slow.port(), "http", std::numeric_limits<long>::max()), "{}");
 }
 
+TEST_F(CredRequestTest, WaitsForAConnectionWithALimitInAnyCase) {
+  const ScriptedServer silent([](Conversation& client) { client.WaitForEnd(); });
+  EXPECT_EQ(Call(silent.port(), "https", 0), "");
+  EXPECT_THAT(Log(), HasSubstr("SSL connection timeout"));
+}
+
+TEST_F(CredRequestTest, NoticesAHostThatIsGoneWhileItWaitsWithoutLimit) {
+  std::vector<int> keeps_alive;
+  int port = 0;
+  const ScriptedServer server([&](Conversation& client) {
+    client.Next();
+    for (const int fd : ConnectionsTo(port)) {
+      int is_on = 0;
+      socklen_t size = sizeof(is_on);
+      ::getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &is_on, &size);
+      keeps_alive.push_back(is_on);
+    }
+    client.Answer("{}");
+  });
+  port = server.port();
+  EXPECT_EQ(Call(port, "http", 0), "{}");
+  EXPECT_THAT(keeps_alive, testing::ElementsAre(1));
+}
+
 TEST_F(CredRequestTest, RefusesANegativeTimeoutAndKeepsTheOldOne) {
   const ScriptedServer silent([](Conversation& client) { client.WaitForEnd(); });
   Call(silent.port(), "http", 1,
@@ -160,6 +202,7 @@ TEST_F(CredRequestTest, FailsWhenTheAnswerIsCutShortOrNotHTTP) {
 
   const ScriptedServer garbage(SendAndHangUp("220 mail.example.org ESMTP\r\n"));
   EXPECT_EQ(Probe(garbage.URL()), CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_THAT(Log(), AllOf(HasSubstr("HTTP/0.9"), Not(HasSubstr("plain HTTP"))));
   EXPECT_EQ(Call(garbage.port()), "");
 }
 
@@ -255,6 +298,22 @@ TEST_F(CredRequestTest, TakesNoProxyFromTheEnvironment) {
     EXPECT_EQ(Call(server.port()), "server");
   });
   EXPECT_EQ(proxy.connections(), 0);
+}
+
+TEST_F(CredRequestTest, TakesNoPasswordFromTheHomeFolder) {
+  folder_.Write(".netrc", "default login somebody password secret\n");
+  std::string head;
+  {
+    const ScriptedServer server([&head](Conversation& client) {
+      head = client.Next().value().head;
+      client.Answer("{}");
+    });
+    test::InOwnProcess([&] {
+      ::setenv("HOME", folder_.path().c_str(), 1);
+      EXPECT_EQ(Probe(server.URL()), 0);
+    });
+  }
+  EXPECT_THAT(head, AllOf(StartsWith("GET / "), Not(HasSubstr("Authorization"))));
 }
 
 TEST_F(CredRequestTest, TakesOnlyURLsOfWebServers) {
@@ -385,6 +444,47 @@ TEST_F(CredRequestTest, KeepsItsConnections) {
   }
   EXPECT_EQ(plain.connections(), 1);
   EXPECT_EQ(tls.connections(), 1);
+}
+
+TEST_F(CredRequestTest, MakesANewConnectionWhenTheOldOneIsGone) {
+  const ScriptedServer server([](Conversation& client) {
+    client.Next();
+    client.Answer("{}");
+  });
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(Call(server.port()), "{}");
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  EXPECT_EQ(server.connections(), 3);
+}
+
+TEST_F(CredRequestTest, NeverSendsACallTwice) {
+  std::atomic<int> calls = 0;
+  const ScriptedServer server([&calls](Conversation& client) {
+    auto request = client.Next();
+    while (request && request->head.starts_with("GET ")) {
+      client.Answer("{}");
+      request = client.Next();
+    }
+    calls += request ? 1 : 0;  // and dies after it has done what it was told
+  });
+  const std::string file = folder_.Write("file", "text");
+  const auto upload = [&](CredRequest& request) { request.SetUploadFile("file", file.c_str()); };
+  EXPECT_EQ(Probe(server.URL()), 0);  // there is a connection now, to be used again
+  EXPECT_EQ(Call(server.port()), "");
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(Probe(server.URL()), 0);
+  EXPECT_EQ(Call(server.port(), "http", 10, upload), "");
+  EXPECT_EQ(calls, 2);
+  EXPECT_THAT(Log(), HasSubstr("broke before the answer; the call may have been carried out"));
+}
+
+TEST_F(CredRequestTest, HandsNoConnectionOnToOtherPrograms) {
+  const ScriptedServer server(AnswerAlways("{}"));
+  EXPECT_EQ(Probe(server.URL()), 0);
+  const std::vector<int> connections = ConnectionsTo(server.port());
+  ASSERT_EQ(connections.size(), 1U);
+  EXPECT_EQ(::fcntl(connections[0], F_GETFD), FD_CLOEXEC);
 }
 
 TEST_F(CredRequestTest, LeavesAParentsConnectionsAlone) {
@@ -538,6 +638,35 @@ TEST_F(CredUpload, ReadsTheFileOfRootForAProcessThatOthersStarted) {
   EXPECT_THAT(received_.body, HasSubstr("of root"));
 }
 
+TEST_F(CredUpload, SendsAKeyThatCannotPassForHeaders) {
+  const std::string path = folder_.Write("data", "text");
+  EXPECT_EQ(Call(server_.port(), "http", 10,
+                 [&](CredRequest& request) {
+                   request.SetUploadFile("a\"; filename=\"b\r\nX-Evil: 1\r\n\r\n", path.c_str());
+                 }),
+            "{\"success\":true}");
+  EXPECT_THAT(received_.body,
+              HasSubstr("name=\"a%22; filename=%22b%0D%0AX-Evil: 1%0D%0A%0D%0A\"\r\n"));
+}
+
+TEST_F(CredUpload, SendsTheFileAsLongAsItWas) {
+  const std::string path = folder_.Write("data", std::string(30000000, 'x'));
+  std::string body;
+  {
+    const ScriptedServer slow([&](Conversation& client) {
+      std::ofstream(path, std::ios::app) << std::string(30000000, 'y');
+      body = client.Next().value().body;
+      client.Answer("{}");
+    });
+    EXPECT_EQ(Call(slow.port(), "http", 10,
+                   [&](CredRequest& request) { request.SetUploadFile("file", path.c_str()); }),
+              "{}");
+  }
+  EXPECT_THAT(body, Not(HasSubstr("y\r\n--")));
+  EXPECT_GT(body.size(), 30000000U);
+  EXPECT_LT(body.size(), 30001000U);
+}
+
 TEST_F(CredUpload, FailsWhenTheFileIsShortenedMeanwhile) {
   const std::string path = folder_.Write("data", std::string(30000000, 'x'));
   const ScriptedServer slow([&](Conversation& client) {
@@ -548,7 +677,7 @@ TEST_F(CredUpload, FailsWhenTheFileIsShortenedMeanwhile) {
   EXPECT_EQ(Call(slow.port(), "http", 10,
                  [&](CredRequest& request) { request.SetUploadFile("file", path.c_str()); }),
             "");
-  EXPECT_THAT(Log(), HasSubstr("aborted"));
+  EXPECT_THAT(Log(), HasSubstr("the file to upload cannot be read to its end"));
 }
 
 }  // namespace

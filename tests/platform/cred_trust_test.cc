@@ -1,8 +1,12 @@
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -11,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <quillon/platform/file_descriptor.h>
 #include <quillon/platform/host_trust.h>
 #include <vela/cred.h>
 
@@ -133,6 +138,8 @@ TEST_F(HostProof, IsATrustedKeyWhoeverSignedIt) {
 
   TrustHost("127.0.0.1", server.port(), own.Fingerprint());
   EXPECT_EQ(Probe(server.URL()), 0);
+  TrustHost("127.0.0.1", server.port(), kKey);
+  EXPECT_EQ(Probe(server.URL()), CURLE_SSL_PINNEDPUBKEYNOTMATCH);
 
   // Neither the connection of before nor anything else stands in for the proof.
   EXPECT_TRUE(ForgetHost("127.0.0.1", server.port()));
@@ -156,9 +163,12 @@ TEST_F(HostProof, IsNoOtherKeyThanTheTrustedOne) {
   TrustHost("127.0.0.1", server.port(), kKey);
   EXPECT_EQ(Probe(server.URL()), CURLE_SSL_PINNEDPUBKEYNOTMATCH);
   EXPECT_EQ(answered, 1);
-  EXPECT_THAT(Log(), AllOf(HasSubstr("127.0.0.1:" + std::to_string(server.port()) +
-                                     ": the key of this host has changed"),
-                           HasSubstr("quillonctl host trust 127.0.0.1")));
+  const std::string name = "127.0.0.1:" + std::to_string(server.port());
+  EXPECT_THAT(Log(), HasSubstr(name + ": the key of this host has changed: it is " +
+                               good_.Fingerprint() + " and not " + kKey +
+                               ", which is trusted, so nothing was sent; if the change is known "
+                               "to be right, run: quillonctl host trust " +
+                               name + "\n"));
 }
 
 TEST_F(HostProof, IsNotMissingWhenAKeyIsTrusted) {
@@ -177,6 +187,34 @@ TEST_F(HostProof, IsNotDoneWithoutByGoingOverPlainHTTP) {
   EXPECT_EQ(Probe(plain.URL()), CURLE_UNSUPPORTED_PROTOCOL);
   EXPECT_EQ(plain.connections(), 0);
   EXPECT_THAT(Log(), HasSubstr("is trusted, so it is not spoken to over plain HTTP"));
+}
+
+TEST_F(HostProof, IsNotDoneWithoutOnAnotherPortEither) {
+  const ScriptedServer plain(AnswerAlways("{}"));
+  TrustHost("LocalHost", 5001, kKey);
+  const std::string port = std::to_string(plain.port());
+  EXPECT_EQ(Probe("http://localhost:" + port), CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_EQ(plain.connections(), 0);
+  EXPECT_EQ(Probe("http://127.0.0.1:" + port), 0);  // for all that is known, it is another host
+}
+
+TEST_F(HostProof, IsNotChangedByTheEnvironment) {
+  configuration_.cluster.ca_file = "";
+  Use();
+  folder_.Write(".curlrc", "insecure\n");
+  const Certificate own = MakeCertificate("IP:127.0.0.1");
+  const std::string own_file = folder_.Write("own.pem", own.Pem());
+  test::InOwnProcess([&] {
+    for (const char* name : {"SSL_CERT_FILE", "CURL_CA_BUNDLE"}) {
+      ::setenv(name, (folder_ / "ca.pem").c_str(), 1);
+    }
+    ::setenv("SSL_CERT_DIR", folder_.path().c_str(), 1);
+    ::setenv("CURL_HOME", folder_.path().c_str(), 1);
+    ::setenv("HOME", folder_.path().c_str(), 1);
+    EXPECT_EQ(ProbeWith(good_), CURLE_PEER_FAILED_VERIFICATION);
+    ::setenv("SSL_CERT_FILE", own_file.c_str(), 1);
+    EXPECT_EQ(ProbeWith(own), CURLE_PEER_FAILED_VERIFICATION);
+  });
 }
 
 TEST_F(HostProof, IsForOnePortAndForTheHostHoweverItIsWritten) {
@@ -255,6 +293,10 @@ TEST_F(TrustFileTest, IsChangedLineByLine) {
   EXPECT_EQ(hosts[1].port, 5001);
   EXPECT_EQ(hosts[1].fingerprint, kKey);
 
+  EXPECT_EQ(RememberedHostKey("Old", 5001), kOtherKey);
+  EXPECT_EQ(RememberedHostKey("[0:0:0:0:0:0:0:1]", 7), kKey);
+  EXPECT_EQ(RememberedHostKey("old", 5002), std::nullopt);
+
   EXPECT_TRUE(ForgetHost("new", 5001));
   EXPECT_FALSE(ForgetHost("new", 5001));
   EXPECT_FALSE(ForgetHost("[::1]", 8));
@@ -329,6 +371,19 @@ TEST_F(TrustFileTest, IsNotChangedByWhoMayNot) {
   EXPECT_EQ(ListTrustedHosts().size(), 1U);
   EXPECT_THROW(TrustHost("other", 5001, kKey), HostTrustError);
   EXPECT_THROW(ForgetHost("host", 5001), HostTrustError);
+}
+
+TEST_F(TrustFileTest, IsChangedAlthoughSomebodyHoldsALockOnItsFolder) {
+  const FileDescriptor folder(::open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(folder.Get(), LOCK_EX | LOCK_NB), 0);
+  std::thread late([&folder] {
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    ::flock(folder.Get(), LOCK_UN);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  TrustHost("host", 5001, kKey);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  late.join();
 }
 
 TEST_F(TrustFileTest, LosesNothingWhenSeveralChangeItAtOnce) {

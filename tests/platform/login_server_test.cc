@@ -1,5 +1,3 @@
-#include <gsasl.h>
-
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -16,6 +14,7 @@
 #include <quillon/platform/login_throttle.h>
 #include <quillon/platform/web_accounts.h>
 
+#include "support/scram_client.h"
 #include "support/temporary_folder.h"
 #include "utils/base64.h"
 
@@ -24,6 +23,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using std::chrono::seconds;
+using Client = test::ScramClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -31,47 +31,6 @@ using testing::IsEmpty;
 constexpr char kHere[] = "192.0.2.1";
 constexpr char kElsewhere[] = "192.0.2.2";
 constexpr int kAllowedFailures = 5;
-
-// The other side of a login.
-class Client {
- public:
-  Client(const std::string& account, const std::string& password,
-         const std::string& acting_as = "") {
-    EXPECT_EQ(::gsasl_init(&library_), GSASL_OK);
-    EXPECT_EQ(::gsasl_client_start(library_, "SCRAM-SHA-256", &session_), GSASL_OK);
-    Set(GSASL_AUTHID, account);
-    Set(GSASL_PASSWORD, password);
-    if (!acting_as.empty()) {
-      Set(GSASL_AUTHZID, acting_as);
-    }
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-  ~Client() {
-    ::gsasl_finish(session_);
-    ::gsasl_done(library_);
-  }
-
-  std::string Step(const std::string& message) {
-    char* answer = nullptr;
-    result_ = ::gsasl_step64(session_, message.c_str(), &answer);
-    std::string text = answer == nullptr ? "" : answer;
-    ::gsasl_free(answer);
-    return text;
-  }
-
-  // That of the last step: only GSASL_OK means that the server has proved itself.
-  int result() const { return result_; }
-
- private:
-  void Set(Gsasl_property property, const std::string& value) {
-    EXPECT_EQ(::gsasl_property_set(session_, property, value.c_str()), GSASL_OK);
-  }
-
-  Gsasl* library_ = nullptr;
-  Gsasl_session* session_ = nullptr;
-  int result_ = GSASL_NEEDS_MORE;
-};
 
 // The member "r", "s" or "i" of the server's first message.
 std::string Member(const std::string& message, char name) {

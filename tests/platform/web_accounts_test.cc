@@ -226,10 +226,9 @@ TEST_F(WebAccountsFile, StaysAsItIsWhenAChangeIsRefused) {
   EXPECT_EQ(add("bob", "1234567"), "the password must have 8 characters at least");
   EXPECT_EQ(add("bob", "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9"),
             "the password must have 8 characters at least");
-  EXPECT_EQ(add("bob", "1234567\t"), "the password must be UTF-8 without control characters");
-  EXPECT_EQ(add("bob", "1234567\xff"), "the password must be UTF-8 without control characters");
-  EXPECT_EQ(add("bob", std::string("12345678\0x", 10)),
-            "the password must be UTF-8 without control characters");
+  EXPECT_THAT(add("bob", "1234567\t"), StartsWith("the password must be UTF-8"));
+  EXPECT_THAT(add("bob", "1234567\xff"), StartsWith("the password must be UTF-8"));
+  EXPECT_THAT(add("bob", std::string("12345678\0x", 10)), StartsWith("the password must be UTF-8"));
   EXPECT_EQ(FailureOf([this] { RemoveWebAccount(path_, "bob"); }),
             path_ + ": there is no account bob");
   EXPECT_EQ(FailureOf([this] { RemoveWebAccount(path_, "Alice"); }),
@@ -312,8 +311,9 @@ TEST_F(WebAccountsFile, IsForRootOnly) {
 TEST_F(WebAccountsFile, IsChangedByOneAtATime) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.emplace_back(
-        [this, i] { AddWebAccount(path_, "a" + std::to_string(i), WebRole::kAdmin, kPassword); });
+    threads.emplace_back([this, i] {
+      AddWebAccount(path_, std::string("a") + std::to_string(i), WebRole::kAdmin, kPassword);
+    });
   }
   for (std::thread& thread : threads) {
     thread.join();

@@ -14,19 +14,20 @@ using namespace std::chrono_literals;
 
 class Sessions : public testing::Test {
  protected:
-  std::string Create(const std::string& account, WebRole role = WebRole::kAdmin) {
-    return sessions_.Create(account, role, now_).token.Get();
+  std::string Create(const std::string& account, std::chrono::seconds lifetime = 1800s,
+                     WebRole role = WebRole::kAdmin) {
+    return sessions_.Create(account, role, lifetime, now_).token.Get();
   }
 
   bool IsAlive(const std::string& token) { return sessions_.Find(token, now_).has_value(); }
 
   WebSessions::Time now_{1h};
-  WebSessions sessions_{1800s, 3};
+  WebSessions sessions_{3};
 };
 
 TEST_F(Sessions, KnowWhoseTokenItIs) {
-  const std::string alice = Create("alice", WebRole::kAdmin);
-  const std::string bob = Create("bob", WebRole::kMonitor);
+  const std::string alice = Create("alice", 1800s, WebRole::kAdmin);
+  const std::string bob = Create("bob", 1800s, WebRole::kMonitor);
 
   EXPECT_EQ(sessions_.Find(alice, now_)->account, "alice");
   EXPECT_EQ(sessions_.Find(alice, now_)->role, WebRole::kAdmin);
@@ -85,18 +86,15 @@ TEST_F(Sessions, EndWithTheirAccount) {
   EXPECT_TRUE(IsAlive(other));
 }
 
-TEST_F(Sessions, MakeRoomByTheOneNotUsedForLongest) {
-  const std::string other = Create("bob");
-  const std::string first = Create("alice");
-  now_ += 1s;
-  const std::string second = Create("alice");
-  now_ += 1s;
-  EXPECT_FALSE(sessions_.Create("alice", WebRole::kAdmin, now_).has_ended_another);
-  now_ += 1s;
-  EXPECT_TRUE(IsAlive(first));
-  now_ += 1s;
+TEST_F(Sessions, MakeRoomByTheOneThatWouldEndFirst) {
+  const std::string other = Create("bob", 100s);
+  const std::string first = Create("alice", 1000s);
+  const std::string second = Create("alice", 900s);
+  EXPECT_FALSE(sessions_.Create("alice", WebRole::kAdmin, 1800s, now_).has_ended_another);
+  now_ += 10s;
+  EXPECT_TRUE(IsAlive(second));  // that it is used makes no difference
 
-  const auto created = sessions_.Create("alice", WebRole::kAdmin, now_);
+  const auto created = sessions_.Create("alice", WebRole::kAdmin, 300s, now_);
 
   EXPECT_TRUE(created.has_ended_another);
   EXPECT_FALSE(IsAlive(second));
@@ -106,12 +104,21 @@ TEST_F(Sessions, MakeRoomByTheOneNotUsedForLongest) {
   EXPECT_EQ(sessions_.size(), 4U);
 }
 
+TEST_F(Sessions, OutliveAnyNumberOfShorterOnes) {
+  const std::string idle = Create("alice", 1800s);
+  for (int i = 0; i < 1400; ++i) {
+    now_ += 1s;
+    EXPECT_TRUE(IsAlive(Create("alice", 300s)));
+  }
+  EXPECT_TRUE(IsAlive(idle));
+}
+
 TEST_F(Sessions, ThatHaveExpiredNeedNoRoom) {
   const std::string first = Create("alice");
   Create("alice");
   Create("alice");
   now_ += 1800s;
-  EXPECT_FALSE(sessions_.Create("alice", WebRole::kAdmin, now_).has_ended_another);
+  EXPECT_FALSE(sessions_.Create("alice", WebRole::kAdmin, 1800s, now_).has_ended_another);
   EXPECT_EQ(sessions_.size(), 1U);
 }
 

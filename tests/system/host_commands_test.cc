@@ -29,7 +29,8 @@ using testing::StartsWith;
 class HostCommandsTest : public testing::Test {
  protected:
   HostCommandsTest()
-      : server_(fmt::format("[usage]\nsocket = \"{}\"", redis_.socket())),
+      : server_(
+            fmt::format("max_sessions_per_account = 2\n[usage]\nsocket = \"{}\"", redis_.socket())),
         host_(fmt::format("127.0.0.1:{}", server_.https_port())) {
     folder_.Write("mailserver.toml",
                   fmt::format("[quota]\nstore = \"sqlite://{0}/quota.db\"\n"
@@ -148,6 +149,11 @@ TEST_F(HostCommandsTest, AHostMustBeTrustedAndKeepItsKey) {
   EXPECT_THAT(Ctl({"host", "trust", host_, "--yes"}).output,
               EndsWith("this key is trusted already\n"));
   EXPECT_THAT(Ctl({"host", "trust", "--list"}).output, HasSubstr(host_ + "  sha256//"));
+  const Json::Value list = Parse(Ctl({"host", "trust", "--list", "--json"}).output)["hosts"];
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0]["host"], "127.0.0.1");
+  EXPECT_EQ(list[0]["port"], server_.https_port());
+  EXPECT_THAT(list[0]["key"].asString(), StartsWith("sha256//"));
   EXPECT_EQ(As("boss", {"host", "call", host_, "VELA.Core.Web.TARN", "get"}).exit_code, 0);
 
   // The host has another key now.
@@ -174,6 +180,13 @@ TEST_F(HostCommandsTest, ProbesAWebServer) {
   outcome = Ctl({"host", "probe", "127.0.0.1:1", "--protocol", "http"});
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_EQ(outcome.output, "http://127.0.0.1:1 does not answer\n");
+  outcome = Ctl({"host", "probe", "127.0.0.1:1", "--json"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  const Json::Value servers = Parse(outcome.output)["servers"];
+  ASSERT_EQ(servers.size(), 1U);
+  EXPECT_EQ(servers[0]["protocol"], "https");
+  EXPECT_EQ(servers[0]["port"], 1);
+  EXPECT_EQ(servers[0]["answers"], false);
   outcome = Ctl({"host", "probe", "127.255.255.254"});
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_EQ(outcome.output,
@@ -274,6 +287,38 @@ TEST_F(HostCommandsTest, ShowsTheStatusOfHostsAndWhichIsUnreachable) {
   EXPECT_EQ(hosts[1]["reachable"], false);
 }
 
+TEST_F(HostCommandsTest, TheStatusOfAnIPv6AddressNeedsNoBrackets) {
+  const Outcome outcome = As("watcher", {"host", "status", "::2"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.output, HasSubstr("\n::2 "));
+  EXPECT_THAT(Log(), HasSubstr("Cred Error:[http://[::2]:5000]"));
+}
+
+TEST_F(HostCommandsTest, TheStatusIsNotAskedForOverAnotherProtocolThanIsSaid) {
+  const Outcome outcome = As("watcher", {"--protocol", "https", "host", "status", "127.0.0.1"});
+  EXPECT_EQ(outcome.exit_code, 2);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_THAT(outcome.error, StartsWith("quillonctl: --protocol: "));
+}
+
+TEST_F(HostCommandsTest, TheStatusTellsOnATerminalWhoIsBeingAsked) {
+  const Outcome outcome =
+      RunOnTerminal(CommandLine({"host", "status", "127.255.255.254", "127.255.255.253",
+                                 "--account", "watcher", "--password-file", folder_ / "password"}),
+                    {}, "");
+  EXPECT_THAT(outcome.output, HasSubstr("\rasking 127.255.255.254 (1 of 2)"));
+  EXPECT_THAT(outcome.output, HasSubstr("\rasking 127.255.255.253 (2 of 2)"));
+}
+
+// The keys of its connections stay its own, whatever file the environment names for them.
+TEST_F(HostCommandsTest, KeysAreNotWrittenToAFile) {
+  Trust();
+  std::vector<std::string> command = CommandLine({"host", "probe", host_});
+  command.insert(command.begin(), {"env", "SSLKEYLOGFILE=" + (folder_ / "keys")});
+  EXPECT_EQ(test::Run(command).exit_code, 0);
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "keys"));
+}
+
 TEST_F(HostCommandsTest, ShowsTheStatusAgainAndAgain) {
   std::vector<std::string> command = CommandLine({"host", "status", "--watch", "1"});
   command.insert(command.begin(), {"timeout", "3"});
@@ -292,6 +337,12 @@ TEST_F(HostCommandsTest, PrintsATokenForOtherPrograms) {
   const WebAnswer answer = server_.Call(token, kNames);
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.envelope["data"]["names"][0], "alice");
+
+  // The calls of the library itself end no session but each other's.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(As("boss", {"host", "call", host_, "VELA.Core.Web.TARN", "get"}).exit_code, 0);
+  }
+  EXPECT_EQ(server_.Call(token, kNames).status, 200);
 
   SetPassword("wrong horse");
   const Outcome refused = As("boss", {"token", host_});

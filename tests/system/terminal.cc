@@ -1,5 +1,6 @@
 #include "system/terminal.h"
 
+#include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 
 namespace quillon::test {
@@ -75,8 +77,15 @@ class Terminal {
   }
 
  private:
-  // The last program to leave a terminal ends it with EIO.
+  // The last program to leave a terminal ends it with EIO. One that says nothing for a minute
+  // hangs.
   bool Read() {
+    constexpr int kPatience = 60000;  // milliseconds
+    pollfd waiting{terminal_, POLLIN, 0};
+    if (::poll(&waiting, 1, kPatience) == 0) {
+      ::kill(pid_, SIGKILL);
+      output_ += "\n(ended after a minute of silence)";
+    }
     std::array<char, 4096> chunk{};
     const ssize_t got = ::read(terminal_, chunk.data(), chunk.size());
     if (got <= 0) {

@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -21,6 +19,7 @@
 
 #include <quillon/platform/web_accounts.h>
 
+#include "support/child_processes.h"
 #include "support/loopback.h"
 
 namespace quillon::test {
@@ -117,8 +116,8 @@ WebServer::WebServer(const std::string& settings)
     : http_port_(FreePort()), https_port_(FreePort()) {
   folder_.Write("passwd", "alice:x:1001:100::/nonexistent:/usr/sbin/nologin\n");
   folder_.Write("group", "users:x:100:\n");
-  const std::string file = folder_.Write(
-      "mailserver.toml", fmt::format(R"([accounts]
+  folder_.Write("mailserver.toml",
+                fmt::format(R"([accounts]
 passwd_file = "{0}/passwd"
 group_file = "{0}/group"
 [quota]
@@ -134,12 +133,11 @@ state_folder = "{0}/state"
 accounts_file = "{0}/accounts"
 {3}
 )",
-                                     folder_.path().string(), http_port_, https_port_, settings));
+                            folder_.path().string(), http_port_, https_port_, settings));
   const platform::Secret password{std::string_view(kWebPassword)};
   platform::AddWebAccount(accounts_file(), "boss", platform::WebRole::kAdmin, password);
   platform::AddWebAccount(accounts_file(), "watcher", platform::WebRole::kMonitor, password);
-  program_ = std::make_unique<BackgroundProgram>(
-      std::vector<std::string>{QUILLON_WEBAPID, "--config", file}, folder_ / "output");
+  program_ = std::make_unique<BackgroundProgram>(CommandLine(), folder_ / "output");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (Get("/").status != 200) {
     if (!program_->IsRunning() || std::chrono::steady_clock::now() > deadline) {
@@ -147,6 +145,10 @@ accounts_file = "{0}/accounts"
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+}
+
+std::vector<std::string> WebServer::CommandLine() const {
+  return {QUILLON_WEBAPID, "--config", configuration_file()};
 }
 
 WebAnswer WebServer::Get(const std::string& path) const {
@@ -164,7 +166,7 @@ WebAnswer WebServer::Call(const std::string& token, const std::string& text) con
 }
 
 WebAnswer WebServer::Login(const std::string& account, const std::string& password,
-                           std::string* finish) const {
+                           std::string* finish, const Json::Value& lifetime) const {
   Scram client(account, password);
   Json::Value request;
   request["api"] = "VELA.Core.Login";
@@ -178,6 +180,9 @@ WebAnswer WebServer::Login(const std::string& account, const std::string& passwo
   request["method"] = "finish";
   request["params"]["login"] = first.envelope["data"]["login"];
   request["params"]["message"] = client.Step(first.envelope["data"]["message"].asString());
+  if (!lifetime.isNull()) {
+    request["params"]["lifetime"] = lifetime;
+  }
   const std::string text = Json::FastWriter().write(request);
   if (finish != nullptr) {
     *finish = text;
@@ -226,17 +231,7 @@ void ExpectRefusal(const WebAnswer& answer, int status) {
 }
 
 std::vector<int> WebServer::Children(const std::string& name) const {
-  const std::string parent = std::to_string(program_->pid());
-  std::ifstream file("/proc/" + parent + "/task/" + parent + "/children");
-  std::vector<int> found;
-  for (int pid = 0; file >> pid;) {
-    const std::string program =
-        std::filesystem::read_symlink(fmt::format("/proc/{}/exe", pid)).filename();
-    if (program == name) {
-      found.push_back(pid);
-    }
-  }
-  return found;
+  return ChildrenOf(program_->pid(), name);
 }
 
 }  // namespace quillon::test

@@ -47,7 +47,10 @@ class WebServer {
   BackgroundProgram& program() { return *program_; }
   std::string accounts_file() const { return folder_ / "accounts"; }
   std::string configuration_file() const { return folder_ / "mailserver.toml"; }
+  int http_port() const { return http_port_; }
   int https_port() const { return https_port_; }
+  /// How it was started.
+  std::vector<std::string> CommandLine() const;
 
   WebAnswer Get(const std::string& path) const;
   WebAnswer Post(const WebCall& call, bool tls = false) const;
@@ -55,7 +58,7 @@ class WebServer {
   WebAnswer Call(const std::string& token, const std::string& text) const;
   /// Logs in; the last answer of the server's. `finish` gets the last call of the client's.
   WebAnswer Login(const std::string& account, const std::string& password,
-                  std::string* finish = nullptr) const;
+                  std::string* finish = nullptr, const Json::Value& lifetime = Json::Value()) const;
   std::string Token(const std::string& account) const;
 
   /// A connection of the test's own; the caller closes it.

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,6 +31,7 @@ namespace {
 
 using testing::AnyOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
@@ -232,6 +234,161 @@ TEST(WebapidHostileTest, SpeaksTls12AndNewerOnly) {
               AnyOf(SSL_R_TLSV1_ALERT_PROTOCOL_VERSION, SSL_R_UNEXPECTED_EOF_WHILE_READING));
   EXPECT_EQ(HandshakeError(server, TLS1_2_VERSION), 0);
   EXPECT_EQ(HandshakeError(server, TLS1_3_VERSION), 0);
+}
+
+std::string Chunked(const std::string& token, const std::string& headers,
+                    const std::string& chunks) {
+  return "POST /webapi HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+         "Authorization: Bearer " +
+         token + "\r\n" + headers + "\r\n" + chunks;
+}
+
+std::string AnswerTo(const WebServer& server, const std::string& request) {
+  return Converse(server.Connect(), request);
+}
+
+TEST(WebapidHostileTest, RefusesABodyWhoseEndIsNotClear) {
+  const WebServer server("receive_timeout = 2");
+  const std::string token = server.Token("boss");
+  const std::string hidden = "GET / HTTP/1.1\r\nHost: x\r\n\r\n";
+  const std::string length = "Content-Length: ";
+  const std::string chunked = "Transfer-Encoding: chunked\r\n";
+  for (const std::string& headers :
+       {length + "5\r\n" + chunked, chunked + length + "5\r\n",
+        length + "5\r\n" + length + "50\r\n", length + "5\r\n" + length + "5\r\n",
+        chunked + chunked, "Transfer-Encoding: gzip\r\n" + chunked, length + "-1\r\n",
+        length + "+5\r\n", length + "5, 5\r\n", length + "0x5\r\n", length + "\r\n",
+        length + "99999999999999999999999\r\n", std::string("Transfer-Encoding: gzip\r\n"),
+        length + "18446744073709551615\r\n"}) {
+    const std::string answer = AnswerTo(server, Chunked(token, headers, "0\r\n\r\n" + hidden));
+    EXPECT_THAT(answer, AnyOf(StartsWith("HTTP/1.1 400 "), StartsWith("HTTP/1.1 413 "))) << headers;
+    EXPECT_THAT(answer, Not(HasSubstr("HTTP/1.1 200 "))) << headers;
+  }
+  for (const char* chunks : {"x\r\n", "-1\r\n", "FFFFFFFFFFFFFFFFF\r\n", "2\r\n{}x\r\n"}) {
+    const std::string answer = AnswerTo(server, Chunked(token, chunked, chunks + hidden));
+    EXPECT_THAT(answer, AnyOf(StartsWith("HTTP/1.1 4"), std::string())) << chunks;
+    EXPECT_THAT(answer, Not(HasSubstr("HTTP/1.1 200 "))) << chunks;
+  }
+  EXPECT_EQ(server.Call(token, kNames).status, 200);
+}
+
+TEST(WebapidHostileTest, RefusesHeadersThatAreNone) {
+  const WebServer server("receive_timeout = 2");
+  const std::string close = "Connection: close\r\n\r\n";
+  const std::string get = "GET / HTTP/1.1\r\n";
+  EXPECT_THAT(AnswerTo(server, get + "Host: x\r\n" + close), StartsWith("HTTP/1.1 200 "));
+  EXPECT_THAT(AnswerTo(server, get + close), StartsWith("HTTP/1.1 400 ")) << "no host";
+  EXPECT_THAT(AnswerTo(server, get + "Host: x\r\nno colon\r\n" + close),
+              StartsWith("HTTP/1.1 400 "));
+  EXPECT_THAT(AnswerTo(server, "nonsense\r\n\r\n"), Not(StartsWith("HTTP/1.1 2")));
+  EXPECT_THAT(AnswerTo(server, "GET / HTTP/3.7\r\nHost: x\r\n" + close),
+              Not(StartsWith("HTTP/1.1 2")));
+  EXPECT_EQ(server.Get("/").status, 200);
+}
+
+TEST(WebapidHostileTest, RefusesAChunkedBodyThatIsTooLarge) {
+  const WebServer server("max_body = 10000");
+  const std::string token = server.Token("boss");
+  std::string chunks;
+  for (int i = 0; i < 20; ++i) {
+    chunks += "3e8\r\n" + std::string(1000, ' ') + "\r\n";
+  }
+  EXPECT_THAT(AnswerTo(server, Chunked(token, "Connection: close\r\nTransfer-Encoding: chunked\r\n",
+                                       chunks + "0\r\n\r\n")),
+              StartsWith("HTTP/1.1 413 "));
+}
+
+TEST(WebapidHostileTest, CannotBeMadeToForgeALine) {
+  const WebServer server;
+  const std::string token = server.Token("boss");
+  const WebAnswer answer =
+      server.Call(token, R"({"api":"a\u0000b\nc\u001b[2J","version":1,"method":"m\nn"})");
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.envelope["error"]["code"], 404);
+  ExpectRefusal(server.Call(server.Token("watcher"),
+                            R"({"api":"VELA.Core.Web.TARN\u0000x","version":1,"method":"get"})"),
+                403);
+  ExpectRefusal(server.Login("boss\nforged line", kWebPassword), 401);
+  EXPECT_THAT(server.Log(), Not(HasSubstr("\nforged")));
+}
+
+TEST(WebapidHostileTest, TakesUploadsOfAnyName) {
+  const WebServer server;
+  const std::string token = server.Token("boss");
+  const auto part = [](const std::string& name, const std::string& text) {
+    return "--bb\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + text + "\r\n";
+  };
+  const auto send = [&](const std::string& parts) {
+    return server.Post(
+        {parts + "--bb--\r\n",
+         {"Content-Type: multipart/form-data; boundary=bb", "Authorization: Bearer " + token}});
+  };
+  const std::string import =
+      R"({"api":"Quillon.MailServer.Quota","version":1,"method":"import","params":{"file":"x"}})";
+  // The part, and not the member of the same name.
+  const WebAnswer imported = send(part("request", import) + part("file", "alice,4096,2048\n"));
+  EXPECT_EQ(imported.envelope["data"]["rows"], 1) << imported.text;
+  for (const std::string& name :
+       {std::string(), std::string("__proto__"), std::string("a\0b", 3), std::string(3000, 'n')}) {
+    const WebAnswer answer = send(part("request", import) + part(name, "x"));
+    EXPECT_THAT(answer.status, AnyOf(200, 400)) << name;
+    EXPECT_FALSE(answer.envelope["success"].asBool());
+  }
+  std::string many = part("request", import);
+  for (int i = 0; i < 9; ++i) {
+    many += part(std::string(1, static_cast<char>('a' + i)), "x");
+  }
+  ExpectRefusal(send(many), 400);
+  ExpectRefusal(send(part("request", import) + part("request", import)), 400);
+}
+
+// Of one process, in kilobytes.
+long ResidentSize(int pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/statm");
+  long total = 0;
+  long resident = 0;
+  file >> total >> resident;
+  return resident * 4;
+}
+
+TEST(WebapidHostileTest, BoundsTheMemoryOfBodiesThatArrive) {
+  const WebServer server;
+  const std::string token = server.Token("boss");
+  Connections clients(server);
+  constexpr std::size_t kLength = 8 << 20;
+  const std::string body(kLength - 1, ' ');  // and never the last byte
+  std::vector<int> sockets;
+  for (int i = 0; i < 30; ++i) {
+    sockets.push_back(clients.Add());
+    Say(sockets.back(), fmt::format("POST /webapi HTTP/1.1\r\nHost: x\r\n"
+                                    "Content-Type: application/json\r\n"
+                                    "Authorization: Bearer {}\r\nContent-Length: {}\r\n\r\n",
+                                    token, kLength));
+    Say(sockets.back(), body);
+  }
+  EXPECT_THAT(server.Log(), HasSubstr("503 too many requests at once"));
+#ifdef __SANITIZE_ADDRESS__
+  constexpr long kMost = 1024 * 1024;  // what was freed stays for a while
+#else
+  constexpr long kMost = 330 * 1024;
+#endif
+  EXPECT_LT(ResidentSize(server.Children(kWebFront).at(0)), kMost);
+  EXPECT_EQ(server.Get("/").status, 200);
+  clients.Close();
+  EXPECT_TRUE(Eventually([&] { return server.Call(token, kNames).status == 200; }));
+}
+
+TEST(WebapidHostileTest, EndsAConnectionThatNegotiatesAgain) {
+  const WebServer server;
+  const std::unique_ptr<SSL_CTX, FreeTls> context(::SSL_CTX_new(::TLS_client_method()));
+  ::SSL_CTX_set_max_proto_version(context.get(), TLS1_2_VERSION);
+  const std::unique_ptr<SSL, FreeTls> tls(::SSL_new(context.get()));
+  Connections connections(server);
+  ::SSL_set_fd(tls.get(), connections.Add(true));
+  ASSERT_EQ(::SSL_connect(tls.get()), 1);
+  ::SSL_renegotiate(tls.get());
+  EXPECT_NE(::SSL_do_handshake(tls.get()), 1);
+  EXPECT_EQ(server.Post({kNames}, true).status, 401);
 }
 
 TEST(WebapidHostileTest, TakesAnUploadThatArrivesByteByByte) {

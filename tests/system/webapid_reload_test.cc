@@ -1,14 +1,9 @@
-// What an administrator does to a server that runs, and what the documentation tells its clients.
+// What an administrator does to a server that runs.
 #include <openssl/pem.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "support/certificate.h"
-#include "support/program.h"
 #include "support/temporary_folder.h"
 #include "system/web_server.h"
 
@@ -26,9 +20,7 @@ namespace quillon::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
-using testing::SizeIs;
 using namespace std::chrono_literals;
 
 int Count(const std::string& text, const std::string& what) {
@@ -133,57 +125,6 @@ TEST(WebapidReloadTest, StartsAWorkerThatDiesAtOnceLaterAndLater) {
   EXPECT_EQ(server.Get("/").status, 200);
   server.folder().Write("mailserver.toml", good);
   EXPECT_EQ(server.Call(token, kNames).status, 200);
-}
-
-// The commands of the documentation that begin like that, with what follows after a backslash.
-std::vector<std::string> DocumentedCommands(const std::string& begin) {
-  std::ifstream file(WEBAPI_DOCUMENT);
-  std::vector<std::string> commands;
-  std::string line;
-  while (std::getline(file, line)) {
-    if (!line.starts_with(begin)) {
-      continue;
-    }
-    std::string command = line;
-    while (command.ends_with('\\') && std::getline(file, line)) {
-      command += "\n" + line;
-    }
-    commands.push_back(command);
-  }
-  return commands;
-}
-
-std::string Replace(std::string text, const std::string& what, const std::string& with) {
-  const std::size_t at = text.find(what);
-  EXPECT_NE(at, std::string::npos) << what << " is not in " << text;
-  return at == std::string::npos ? text : text.replace(at, what.size(), with);
-}
-
-TEST(WebapidDocumentTest, HasCommandsThatWork) {
-  WebServer server;
-  std::array<char, 256> host{};
-  ASSERT_EQ(::gethostname(host.data(), host.size() - 1), 0);
-  const TemporaryFolder folder;
-  folder.Write("host.pem", server.folder().Read("state/certificate.pem"));
-  folder.Write("quotas.csv", "alice,4096,2048\n");
-  // The name must be this host's, the port is the test's.
-  folder.Write(".curlrc",
-               fmt::format("silent\nnoproxy = \"*\"\nconnect-to = \"{0}:5001:127.0.0.1:{1}\"\n",
-                           host.data(), server.https_port()));
-  const auto run = [&](const std::string& command) {
-    return test::Run({"sh", "-c",
-                      "cd " + folder.path().string() + " && " +
-                          Replace(command, "HOST:5001", host.data() + std::string(":5001"))},
-                     "", {"TOKEN=" + server.Token("boss"), "CURL_HOME=" + folder.path().string()});
-  };
-  const auto commands = DocumentedCommands("curl ");
-  ASSERT_THAT(commands, SizeIs(2));
-  const Outcome call = run(commands[0]);
-  EXPECT_EQ(call.output, R"({"data":{"names":["alice"]},"success":true})") << call.error;
-  std::string upload = Replace(commands[1], R"("api":"…")", R"("api":"Quillon.MailServer.Quota")");
-  upload = Replace(upload, R"("method":"…")", R"("method":"import")");
-  const Outcome uploaded = run(Replace(upload, "KEY=@FILE", "file=@quotas.csv"));
-  EXPECT_THAT(uploaded.output, HasSubstr(R"("success":true)")) << uploaded.error;
 }
 
 }  // namespace

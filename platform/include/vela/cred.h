@@ -36,8 +36,9 @@ namespace VELA {
 
 class CredRequestUtil {
  public:
-  /// Logs in to the host of `cred` and fills `session`. Each side proves to the other that it knows
-  /// the password, which does not travel. False when that fails; the mail log has the reason.
+  /// Logs in to the host of `cred` and fills `session`, for 5 minutes: calls have to begin within
+  /// them. Each side proves to the other that it knows the password, which does not travel. False
+  /// when that fails; the mail log has the reason.
   static bool Login(_tag_vela_cred_* cred, _tag_vela_cred_sess_* session);
 };
 
@@ -99,7 +100,8 @@ class CredRequestMgr {
   int AddCredRequest(CredRequest* request);
 
   /// Performs all requests, one after the other, and returns when each has its answer or has
-  /// failed.
+  /// failed. A call is sent once: when the connection breaks before the answer, it has failed,
+  /// although the host may have carried it out.
   void Run();
 
   /// The body of the answer to a request; empty when it failed, when its answer was larger than

@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <quillon/platform/client_network.h>
 #include <quillon/platform/login_server.h>
 #include <quillon/platform/login_throttle.h>
 #include <quillon/platform/printable.h>
@@ -223,7 +224,7 @@ class LoginServer::Logins {
     }
     MakeRoom(address);
     half_open_.push_back({EncodeBase64Url(RandomBytes(kLoginBytes)), std::move(session),
-                          std::move(account), address, now + kHalfOpenLife});
+                          std::move(account), ClientNetwork(address), now + kHalfOpenLife});
     return LoginChallenge{half_open_.back().id, std::move(step.answer)};
   }
 
@@ -260,7 +261,7 @@ class LoginServer::Logins {
     std::string id;
     Session session;
     std::string account;
-    std::string address;
+    std::string network;
     Time deadline;
   };
 
@@ -272,7 +273,8 @@ class LoginServer::Logins {
 
   // Somebody who starts many and finishes none pushes out his own first.
   void MakeRoom(const std::string& address) {
-    const auto is_from_there = [&](const HalfOpen& login) { return login.address == address; };
+    const std::string network = ClientNetwork(address);
+    const auto is_from_there = [&](const HalfOpen& login) { return login.network == network; };
     const auto count = std::count_if(half_open_.begin(), half_open_.end(), is_from_there);
     if (static_cast<std::size_t>(count) >= kMostHalfOpenPerAddress) {
       half_open_.erase(std::find_if(half_open_.begin(), half_open_.end(), is_from_there));

@@ -1,31 +1,18 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
-#include <string_view>
 
+#include <quillon/platform/client_network.h>
 #include <quillon/platform/login_throttle.h>
 
 namespace quillon::platform {
 
 namespace {
 
-// The network that an address belongs to, for IPv6; any other text is its own.
-std::string SourceOf(const std::string& address) {
-  constexpr std::size_t kNetworkBytes = 8;
-  in6_addr ip{};
-  if (::inet_pton(AF_INET6, address.c_str(), &ip) != 1 || IN6_IS_ADDR_V4MAPPED(&ip)) {
-    return address;
-  }
-  return std::string(reinterpret_cast<const char*>(&ip), kNetworkBytes);
-}
-
 // No account's name holds a NUL character.
 std::string PairKey(const std::string& account, const std::string& address) {
-  return account + '\0' + SourceOf(address);
+  return account + '\0' + ClientNetwork(address);
 }
 
-std::string AddressKey(const std::string& address) { return '\0' + SourceOf(address); }
+std::string AddressKey(const std::string& address) { return '\0' + ClientNetwork(address); }
 
 }  // namespace
 

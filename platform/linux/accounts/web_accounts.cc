@@ -3,30 +3,27 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <optional>
-#include <thread>
 #include <unordered_set>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include <quillon/platform/web_accounts.h>
-#include <velamailserver/log_exception.h>
-#include <velamailserver/velasdk/file_lock_guard.h>
 
 #include "utils/base64.h"
+#include "utils/change_lock.h"
 #include "utils/decimal.h"
 #include "utils/file_text.h"
 #include "utils/random_bytes.h"
 #include "utils/replace_file.h"
+#include "utils/salted_password.h"
 
 namespace quillon::platform {
 
 namespace {
 
 using velamailserver::velasdk::FileLockGuard;
-using velamailserver::velasdk::FileLockHeld;
 
 // Fewer, and clients refuse to log in; more, and a login keeps its client busy for seconds.
 constexpr unsigned kFewestIterations = 4096;
@@ -34,9 +31,6 @@ constexpr unsigned kMostIterations = 1000000;
 
 constexpr std::size_t kLongestName = 64;
 constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
-
-constexpr std::chrono::seconds kLockPatience{5};
-constexpr std::chrono::milliseconds kLockPause{20};
 
 bool IsLetterOrDigit(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
@@ -140,12 +134,9 @@ class Parser {
 };
 
 Secret FormatLine(const WebAccount& account) {
-  std::string line = fmt::format("{}:{}:{}:{}:{}:{}:{}\n", account.name, WebRoleName(account.role),
-                                 kWebLoginMechanism, account.iterations, account.salt,
-                                 account.stored_key.Get(), account.server_key.Get());
-  Secret result(line);
-  Wipe(line);
-  return result;
+  return Secret::Take(fmt::format("{}:{}:{}:{}:{}:{}:{}\n", account.name, WebRoleName(account.role),
+                                  kWebLoginMechanism, account.iterations, account.salt,
+                                  account.stored_key.Get(), account.server_key.Get()));
 }
 
 // What the library writes key material to.
@@ -156,17 +147,13 @@ struct Keys {
   ~Keys() { ::explicit_bzero(this, sizeof(*this)); }
 
   using Key = std::array<char, GSASL_HASH_SHA256_SIZE>;
-  Key salted_password;
   Key client_key;
   Key server_key;
   Key stored_key;
 };
 
 Secret Base64Secret(const Keys::Key& key) {
-  std::string text = EncodeBase64({key.data(), key.size()});
-  Secret result(text);
-  Wipe(text);
-  return result;
+  return Secret::Take(EncodeBase64({key.data(), key.size()}));
 }
 
 std::size_t CountCharacters(const std::string& utf8) {
@@ -175,22 +162,21 @@ std::size_t CountCharacters(const std::string& utf8) {
   }));
 }
 
-// Sets what checks a login. Whatever a keyboard makes of a letter with an accent, the library takes
-// both forms for the same password, here and in the client.
+// Sets what checks a login.
 void SetPassword(WebAccount& account, const Secret& password) {
   if (CountCharacters(password.Get()) < kShortestWebPassword) {
     throw WebAccountsError(
         fmt::format("the password must have {} characters at least", kShortestWebPassword));
   }
   const std::string salt = RandomBytes(kWebSaltBytes);
-  Keys keys;
-  const int result = ::gsasl_scram_secrets_from_password(
-      GSASL_HASH_SHA256, password.Get().c_str(), kWebIterations, salt.data(), salt.size(),
-      keys.salted_password.data(), keys.client_key.data(), keys.server_key.data(),
-      keys.stored_key.data());
-  if (result == GSASL_SASLPREP_ERROR || password.Get().find('\0') != std::string::npos) {
-    throw WebAccountsError("the password must be UTF-8 without control characters");
+  const auto salted = SaltedPassword(password, salt, kWebIterations);
+  if (!salted) {
+    throw WebAccountsError(std::string("the password ") + kPasswordText);
   }
+  Keys keys;
+  const int result = ::gsasl_scram_secrets_from_salted_password(
+      GSASL_HASH_SHA256, salted->Get().data(), keys.client_key.data(), keys.server_key.data(),
+      keys.stored_key.data());
   if (result != GSASL_OK) {
     throw WebAccountsError(std::string("the password: ") + ::gsasl_strerror(result));
   }
@@ -200,21 +186,11 @@ void SetPassword(WebAccount& account, const Secret& password) {
   account.server_key = Base64Secret(keys.server_key);
 }
 
-// The file while no other process changes it. A lock on the folder, which everybody may open, could
-// be held by anybody.
 FileLockGuard Lock(const std::string& path) {
-  const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
-  while (true) {
-    try {
-      return FileLockGuard(path + ".lock");
-    } catch (const FileLockHeld&) {
-      if (std::chrono::steady_clock::now() >= deadline) {
-        throw WebAccountsError(path + ": is being changed by another process");
-      }
-    } catch (const velamailserver::LogException& error) {
-      throw WebAccountsError(error.what());
-    }
-    std::this_thread::sleep_for(kLockPause);
+  try {
+    return LockForChange(path);
+  } catch (const std::runtime_error& error) {
+    throw WebAccountsError(error.what());
   }
 }
 
@@ -261,8 +237,7 @@ class Change {
     std::string joined;
     joined.reserve(before.size() + middle.size() + after.size());
     joined.append(before).append(middle).append(after);
-    const Secret next(joined);
-    Wipe(joined);
+    const Secret next = Secret::Take(std::move(joined));
     if (next.Get().size() > kLargestFile) {
       throw WebAccountsError(path_ + ": would be too large");
     }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdlib>
 #include <mutex>
 #include <vector>
 
@@ -13,7 +14,12 @@ namespace {
 // Handles at rest: as many as there ever were threads with a request at once, up to a limit.
 class HandlePool {
  public:
-  HandlePool() { CheckCurl(::curl_global_init(CURL_GLOBAL_DEFAULT)); }
+  HandlePool() {
+    // The library would append the keys of all connections to the file of this name, by whatever
+    // identity it has. It looks once, now.
+    ::unsetenv("SSLKEYLOGFILE");
+    CheckCurl(::curl_global_init(CURL_GLOBAL_DEFAULT));
+  }
   HandlePool(const HandlePool&) = delete;
   HandlePool& operator=(const HandlePool&) = delete;
   ~HandlePool() {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -112,9 +113,8 @@ void Add(Headers& headers, const std::string& line) {
 }
 
 void AddToken(Headers& headers, const Secret& token) {
-  std::string line = "Authorization: Bearer " + token.Get();
-  Add(headers, line);
-  Wipe(line);
+  const Secret line = Secret::Take("Authorization: Bearer " + token.Get());
+  Add(headers, line.Get());
 }
 
 // One exchange: everything that its handle points to.
@@ -148,16 +148,27 @@ class Conversation {
   }
 
  private:
+  bool MayBePlain() const { return rules_.allow_http && !key_; }
+
   // Redirects, cookies, .netrc and the like are off unless they are asked for.
   void Restrict() {
-    const bool may_be_plain = rules_.allow_http && !key_;
-    handle_.Set(CURLOPT_PROTOCOLS_STR, may_be_plain ? "http,https" : "https");
+    handle_.Set(CURLOPT_PROTOCOLS_STR, MayBePlain() ? "http,https" : "https");
     handle_.Set(CURLOPT_PROXY, "");  // else the environment names one
     handle_.Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     handle_.Set(CURLOPT_NOSIGNAL, 1L);
+    handle_.Set(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
     // A name service that does not answer must not hold us up beyond the time-out.
     handle_.Set(CURLOPT_QUICK_EXIT, 1L);
     handle_.Set(CURLOPT_TIMEOUT, std::min(question_.timeout, kLongestTimeout));
+    // What follows holds for a request without a limit, too.
+    handle_.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeout);
+    handle_.Set(CURLOPT_TCP_KEEPALIVE, 1L);
+  }
+
+  // The library would hand its connections on to every program that this process starts.
+  static curl_socket_t OpenSocket(void* /*data*/, curlsocktype /*purpose*/,
+                                  curl_sockaddr* address) {
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
   }
 
   // The authorities are dispensed with where the key itself is known, and nowhere else.
@@ -167,6 +178,7 @@ class Conversation {
       handle_.Set(CURLOPT_PINNEDPUBLICKEY, key_->c_str());
       handle_.Set(CURLOPT_SSL_VERIFYPEER, 0L);
       handle_.Set(CURLOPT_SSL_VERIFYHOST, 0L);
+      handle_.Set(CURLOPT_CERTINFO, 1L);  // for the message about another key
       return;
     }
     handle_.Set(CURLOPT_SSL_VERIFYPEER, 1L);
@@ -189,6 +201,8 @@ class Conversation {
   }
 
   void PreparePost() {
+    handle_.Set(CURLOPT_PREREQFUNCTION, BeforeSending);
+    handle_.Set(CURLOPT_PREREQDATA, this);
     Add(headers_, "Expect:");  // nothing is gained by asking whether to send the body
     if (question_.upload) {
       PrepareUpload();
@@ -222,6 +236,15 @@ class Conversation {
     return part;
   }
 
+  // When a connection that was used before breaks without an answer, the library sends the request
+  // once more. But the host may have carried it out.
+  static int BeforeSending(void* self, char* /*to*/, char* /*from*/, int /*to_port*/,
+                           int /*from_port*/) {
+    auto& conversation = *static_cast<Conversation*>(self);
+    conversation.is_broken_ = std::exchange(conversation.is_sent_, true);
+    return conversation.is_broken_ ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+  }
+
   // The library does not bound answers whose length it does not know beforehand.
   static std::size_t Receive(const char* data, std::size_t size, std::size_t count, void* self) {
     auto& conversation = *static_cast<Conversation*>(self);
@@ -240,23 +263,46 @@ class Conversation {
 
   std::string Explain(CURLcode code) const {
     const std::string detail = error_[0] != '\0' ? error_.data() : ::curl_easy_strerror(code);
-    const std::string remedy = "quillonctl host trust " + endpoint_.host;
+    const std::string remedy = "quillonctl host trust " + endpoint_.Name();
     switch (code) {
       case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-        return "the key of this host has changed: it is not the one that is trusted, and nothing "
-               "was sent; if the change is known to be right, run: " +
+        return "the key of this host has changed: it is " + KeyShown() + " and not " + *key_ +
+               ", which is trusted, so nothing was sent; if the change is known to be right, "
+               "run: " +
                remedy;
       case CURLE_PEER_FAILED_VERIFICATION:
         return detail + "; to trust the key of this host without an authority, run: " + remedy;
       case CURLE_UNSUPPORTED_PROTOCOL:
-        return key_ ? "the key of this host is trusted, so it is not spoken to over plain HTTP"
-                    : "plain HTTP is forbidden by cluster.allow_http";
+        return WhyNotPlain().value_or(detail);
+      case CURLE_ABORTED_BY_CALLBACK:
+        return is_broken_ ? "the connection broke before the answer; the call may have been "
+                            "carried out"
+                          : "the file to upload cannot be read to its end";
       default:
         return detail;
     }
   }
 
+  // Nothing when it may be.
+  std::optional<std::string> WhyNotPlain() const {
+    if (endpoint_.protocol != "http" || MayBePlain()) {
+      return std::nullopt;
+    }
+    return rules_.allow_http
+               ? "the key of this host is trusted, so it is not spoken to over plain HTTP"
+               : "plain HTTP is forbidden by cluster.allow_http";
+  }
+
+  std::string KeyShown() const {
+    try {
+      return ShownKey(handle_);
+    } catch (const std::exception&) {
+      return "another";
+    }
+  }
+
   static constexpr long kLongestTimeout = INT_MAX / 1000;  // seconds; the library's limit
+  static constexpr long kConnectTimeout = 10;              // seconds, those of a probe
   static constexpr long kAuthoritiesLife = 60;             // seconds
 
   const Question& question_;
@@ -266,6 +312,8 @@ class Conversation {
   const std::size_t most_bytes_;
   std::string body_;
   bool is_too_large_ = false;
+  bool is_sent_ = false;
+  bool is_broken_ = false;
   std::array<char, CURL_ERROR_SIZE> error_{};
   Headers headers_;
   std::unique_ptr<UploadedFile> upload_;

@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,7 +22,7 @@
 #include "cred/curl_handle.h"
 #include "cred/trusted_key.h"
 #include "utils/base64.h"
-#include "utils/file_descriptor.h"
+#include "utils/change_lock.h"
 #include "utils/file_text.h"
 #include "utils/replace_file.h"
 #include "utils/sha256.h"
@@ -74,7 +72,8 @@ std::optional<TrustedHost> ParseHost(std::string_view text) {
 
 auto IsAbout(const Endpoint& endpoint) {
   return [&endpoint](const Line& line) {
-    return line.host && line.host->host == endpoint.host && line.host->port == endpoint.port;
+    return line.host && line.host->host == endpoint.host &&
+           (line.host->port == endpoint.port || endpoint.protocol == "http");
   };
 }
 
@@ -187,29 +186,13 @@ class TrustFile {
 
 std::string TrustPath() { return CurrentConfiguration()->cluster.trusted_hosts; }
 
-// Keeps others from changing the file meanwhile, while it lives. The lock is on the folder: the
-// file itself is replaced.
-class FolderLock {
- public:
-  explicit FolderLock(const std::string& path) {
-    const std::string folder = path.substr(0, path.rfind('/') + 1);
-    folder_ = FileDescriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat status {};
-    int result = folder_.IsOpen() ? ::fstat(folder_.Get(), &status) : -1;
-    if (result == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      throw HostTrustError(folder + ": others than its owner may write to this folder");
-    }
-    while (result == 0 && (result = ::flock(folder_.Get(), LOCK_EX)) != 0 && errno == EINTR) {
-      result = 0;
-    }
-    if (result != 0) {
-      throw HostTrustError(folder + ": " + std::generic_category().message(errno));
-    }
+velamailserver::velasdk::FileLockGuard Lock(const std::string& path) {
+  try {
+    return LockForChange(path);
+  } catch (const std::runtime_error& error) {
+    throw HostTrustError(error.what());
   }
-
- private:
-  FileDescriptor folder_;
-};
+}
 
 // Of a certificate in PEM.
 std::string FingerprintOf(std::string_view certificate) {
@@ -248,6 +231,8 @@ std::string HostCertificate(const CurlHandle& handle) {
 
 }  // namespace
 
+std::string ShownKey(const CurlHandle& handle) { return FingerprintOf(HostCertificate(handle)); }
+
 std::optional<std::string> TrustedKeyOf(const Endpoint& endpoint) {
   const TrustFile file(TrustPath());
   const std::string* key = file.KeyOf(endpoint);
@@ -276,7 +261,7 @@ std::string FetchHostKey(const std::string& host, int port) {
     handle.Set(CURLOPT_FORBID_REUSE, 1L);
     handle.Set(CURLOPT_CONNECT_ONLY, 1L);
     CheckCurl(::curl_easy_perform(handle.Get()));
-    return FingerprintOf(HostCertificate(handle));
+    return ShownKey(handle);
   } catch (const CurlError& failure) {
     throw HostTrustError(endpoint.Name() + ": " +
                          (error[0] != '\0' ? error.data() : failure.what()));
@@ -285,13 +270,17 @@ std::string FetchHostKey(const std::string& host, int port) {
   }
 }
 
+std::optional<std::string> RememberedHostKey(const std::string& host, int port) {
+  return TrustedKeyOf(Checked(host, port));
+}
+
 void TrustHost(const std::string& host, int port, const std::string& fingerprint) {
   const Endpoint endpoint = Checked(host, port);
   if (!IsFingerprint(fingerprint)) {
     throw HostTrustError("\"" + fingerprint + "\" is not \"sha256//\" and a SHA-256 in base64");
   }
   const std::string path = TrustPath();
-  const FolderLock lock(path);
+  const auto lock = Lock(path);
   TrustFile file(path);
   file.Set(endpoint, fingerprint);
   file.Write();
@@ -300,7 +289,7 @@ void TrustHost(const std::string& host, int port, const std::string& fingerprint
 bool ForgetHost(const std::string& host, int port) {
   const Endpoint endpoint = Checked(host, port);
   const std::string path = TrustPath();
-  const FolderLock lock(path);
+  const auto lock = Lock(path);
   TrustFile file(path);
   if (!file.Remove(endpoint)) {
     return false;

@@ -5,20 +5,27 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include <fmt/format.h>
 #include <json/reader.h>
 
+#include <quillon/platform/session_token.h>
 #include <vela/cred.h>
 #include <velamailserver/maillog.h>
 
 #include "cred/exchange.h"
 #include "cred/records.h"
 #include "cred/webapi_call.h"
+#include "utils/base64.h"
 #include "utils/decimal.h"
 #include "utils/excerpt.h"
+#include "utils/gsasl_secret.h"
+#include "utils/salted_password.h"
 
 namespace quillon::platform {
 
@@ -36,6 +43,7 @@ constexpr int kLoginVersion = 1;
 constexpr unsigned kFewestIterations = 4096;
 constexpr unsigned kMostIterations = 1000000;
 constexpr std::size_t kLongestToken = 1024;
+constexpr int kShortSession = 300;  // seconds
 
 class LoginError : public std::runtime_error {
  public:
@@ -69,9 +77,9 @@ class ScramClient {
   struct Finish {
     void operator()(Gsasl* context) const { ::gsasl_done(context); }
     void operator()(Gsasl_session* session) const {
-      // The library frees its copy of the password as it is.
-      if (const char* password = ::gsasl_property_fast(session, GSASL_PASSWORD)) {
-        ::explicit_bzero(const_cast<char*>(password), std::strlen(password));
+      // The library frees its copy, which is as good as the password, as it is.
+      if (const char* salted = ::gsasl_property_fast(session, GSASL_SCRAM_SALTED_PASSWORD)) {
+        ::explicit_bzero(const_cast<char*>(salted), std::strlen(salted));
       }
       ::gsasl_finish(session);
     }
@@ -87,8 +95,8 @@ class ScramClient {
     char* output = nullptr;
     const int result = ::gsasl_step64(session_.get(), input, &output);
     const std::unique_ptr<char, decltype(&::gsasl_free)> owner(output, ::gsasl_free);
-    if (has_bad_iterations_) {
-      throw LoginError("the host asks for a number of iterations that is not acceptable");
+    if (!problem_.empty()) {
+      throw LoginError(problem_);
     }
     if (result != expected) {
       throw LoginError(result == GSASL_OK || result == GSASL_NEEDS_MORE
@@ -103,27 +111,58 @@ class ScramClient {
     switch (property) {
       case GSASL_AUTHID:
         return ::gsasl_property_set(session, property, client.cred_.account.c_str());
-      case GSASL_PASSWORD:
-        return client.GivePassword();
+      case GSASL_SCRAM_SALTED_PASSWORD:
+        return client.GiveSaltedPassword();
       default:
         return GSASL_NO_CALLBACK;
     }
   }
 
-  int GivePassword() {
-    const char* const text = ::gsasl_property_fast(session_.get(), GSASL_SCRAM_ITER);
-    const auto iterations = ParseDecimal<unsigned>(text == nullptr ? "" : text);
-    has_bad_iterations_ =
-        !iterations || *iterations < kFewestIterations || *iterations > kMostIterations;
-    return has_bad_iterations_
-               ? GSASL_NO_PASSWORD
-               : ::gsasl_property_set(session_.get(), GSASL_PASSWORD, cred_.password.Get().c_str());
+  // What goes wrong must not pass through the library.
+  int GiveSaltedPassword() {
+    try {
+      const GsaslSecret hex = HexOf(SaltPassword());
+      return ::gsasl_property_set(session_.get(), GSASL_SCRAM_SALTED_PASSWORD, hex.get());
+    } catch (const std::exception& error) {
+      problem_ = error.what();
+      return GSASL_NO_CALLBACK;
+    }
+  }
+
+  Secret SaltPassword() const {
+    const auto iterations = ParseDecimal<unsigned>(Property(GSASL_SCRAM_ITER));
+    if (!iterations || *iterations < kFewestIterations || *iterations > kMostIterations) {
+      throw LoginError(fmt::format("the host asks for {} iterations, which is not from {} to {}",
+                                   Excerpt(Property(GSASL_SCRAM_ITER)), kFewestIterations,
+                                   kMostIterations));
+    }
+    const auto salt = DecodeBase64(Property(GSASL_SCRAM_SALT));
+    if (!salt) {
+      throw LoginError("the host's salt is not base64");
+    }
+    auto salted = SaltedPassword(cred_.password, *salt, *iterations);
+    if (!salted) {
+      throw LoginError(std::string("the password ") + kPasswordText);
+    }
+    return *std::move(salted);
+  }
+
+  static GsaslSecret HexOf(const Secret& bytes) {
+    char* hex = nullptr;
+    std::size_t length = 0;
+    Check(::gsasl_hex_to(bytes.Get().data(), bytes.Get().size(), &hex, &length));
+    return GsaslSecret(hex);
+  }
+
+  std::string_view Property(Gsasl_property property) const {
+    const char* const text = ::gsasl_property_fast(session_.get(), property);
+    return text == nullptr ? std::string_view() : text;
   }
 
   const _tag_vela_cred_& cred_;
   std::unique_ptr<Gsasl, Finish> context_;
   std::unique_ptr<Gsasl_session, Finish> session_;
-  bool has_bad_iterations_ = false;
+  std::string problem_;  // that the library's own error says nothing about
 };
 
 Json::Value ParseEnvelope(const std::string& body) {
@@ -178,7 +217,8 @@ bool IsToken(std::string_view text) {
          std::all_of(text.begin(), text.end(), is_token_character);
 }
 
-Secret LogIn(const _tag_vela_cred_& cred) {
+// `lifetime` in seconds, nothing for as long as the host lets it.
+Secret LogIn(const _tag_vela_cred_& cred, std::optional<int> lifetime) {
   const std::string url = WebAPIURL(cred);
   if (url.empty()) {
     throw LoginError("not a host, a protocol and a port");
@@ -191,35 +231,46 @@ Secret LogIn(const _tag_vela_cred_& cred) {
   Json::Value last;
   last["login"] = Text(challenge, "login");
   last["message"] = client.FinalMessage(Text(challenge, "message"));
+  if (lifetime) {
+    last["lifetime"] = *lifetime;
+  }
   const Json::Value success = Ask(url, "finish", last);
 
   client.Verify(Text(success, "message"));
-  std::string token = Text(success, "token");
-  if (!IsToken(token)) {
+  Secret token = Secret::Take(Text(success, "token"));
+  if (!IsToken(token.Get())) {
     throw LoginError("the host's token is not one");
   }
-  Secret result(token);
-  Wipe(token);
-  return result;
+  return token;
+}
+
+bool LogIn(const _tag_vela_cred_& cred, _tag_vela_cred_sess_& session,
+           std::optional<int> lifetime) {
+  try {
+    session.token = Secret();
+    session.token = LogIn(cred, lifetime);
+    return true;
+  } catch (const std::exception& error) {
+    maillog(3, "%s:%d login as %s at %s failed: %s", kSourceFile, kFailedLine, cred.account.c_str(),
+            cred.host.c_str(), error.what());
+    return false;
+  }
 }
 
 }  // namespace
+
+bool LogInForLong(_tag_vela_cred_* cred, _tag_vela_cred_sess_* session) {
+  return LogIn(*cred, *session, std::nullopt);
+}
 
 }  // namespace quillon::platform
 
 namespace VELA {
 
+// Whoever calls a host again and again logs in each time, and forgets the session: hosts bound
+// their number, and the long ones are for those who asked for one.
 bool CredRequestUtil::Login(_tag_vela_cred_* cred, _tag_vela_cred_sess_* session) {
-  try {
-    session->token = quillon::platform::Secret();
-    session->token = quillon::platform::LogIn(*cred);
-    return true;
-  } catch (const std::exception& error) {
-    maillog(3, "%s:%d login as %s at %s failed: %s", quillon::platform::kSourceFile,
-            quillon::platform::kFailedLine, cred->account.c_str(), cred->host.c_str(),
-            error.what());
-    return false;
-  }
+  return quillon::platform::LogIn(*cred, *session, quillon::platform::kShortSession);
 }
 
 }  // namespace VELA

@@ -1,6 +1,7 @@
 #include "utils/base64.h"
 
 #include <gsasl.h>
+#include <string.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -25,7 +26,9 @@ std::optional<std::string> Converted(Convert convert, std::string_view input) {
   if (result != GSASL_OK) {
     return std::nullopt;
   }
-  return std::string(output, length);
+  std::string converted(output, length);
+  ::explicit_bzero(output, length);  // it may be a key
+  return converted;
 }
 
 }  // namespace

@@ -89,7 +89,7 @@ TEST_F(WorkerTest, ServesUntilTheOtherSideCloses) {
   std::array<int, 2> ends{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
   static int between = 0;
-  std::thread worker([&] { Serve(ends[1], [] { ++between; }); });
+  std::thread worker([&] { Serve(ends[1], -1, [](bool) { ++between; }); });
 
   const std::string flood = R"({"api":"Test","version":1,"method":"flood"})";
   const std::string bytes = Encode({0, 1, kAdmin, {kEcho}}) + Encode({1, 1, kAdmin, {flood}});
@@ -120,7 +120,7 @@ TEST_F(WorkerTest, EndsWhenTheOtherSideSendsNoFrames) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
   const std::string junk(64, '\xff');
   ASSERT_EQ(::write(ends[0], junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));
-  EXPECT_THROW(Serve(ends[1], [] {}), FrameError);
+  EXPECT_THROW(Serve(ends[1], -1, [](bool) {}), FrameError);
   ::close(ends[0]);
   ::close(ends[1]);
 }

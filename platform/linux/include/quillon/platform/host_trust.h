@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -8,11 +9,12 @@
 
 namespace quillon::platform {
 
-/// Hosts of the cluster whose TLS keys are known: each is spoken to only over TLS and only while it
-/// has that key, whoever signed its certificate. They are kept in the file `cluster.trusted_hosts`
-/// of the configuration, "HOST:PORT FINGERPRINT" on a line. A host is a name, an IPv4 address or an
-/// IPv6 address in brackets; letter case does not matter. A fingerprint is "sha256//" and the
-/// SHA-256 of the public key (its SubjectPublicKeyInfo) in base64.
+/// Hosts of the cluster whose TLS keys are known: each is spoken to on that port only while it has
+/// that key, whoever signed its certificate, and over plain HTTP on no port. They are kept in the
+/// file `cluster.trusted_hosts` of the configuration, "HOST:PORT FINGERPRINT" on a line. A host is
+/// a name, an IPv4 address or an IPv6 address in brackets; letter case does not matter. A
+/// fingerprint is "sha256//" and the SHA-256 of the public key (its SubjectPublicKeyInfo) in
+/// base64.
 
 struct TrustedHost {
   std::string host;
@@ -29,6 +31,9 @@ class VELAMAILSERVER_EXPORT HostTrustError : public std::runtime_error {
 /// The fingerprint of the key that a TLS server offers, which proves nothing: it is for comparison
 /// by somebody who knows the host's key. Waits at most 10 seconds. Throws `HostTrustError`.
 std::string FetchHostKey(const std::string& host, int port);
+
+/// The fingerprint that is remembered for a host; nothing when none is. Throws `HostTrustError`.
+std::optional<std::string> RememberedHostKey(const std::string& host, int port);
 
 /// Remembers the key of a host, in place of the one that was known. Throws `HostTrustError`.
 void TrustHost(const std::string& host, int port, const std::string& fingerprint);

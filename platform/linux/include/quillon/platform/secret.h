@@ -21,6 +21,13 @@ class Secret {
  public:
   Secret() = default;
   explicit Secret(std::string_view text) : text_(text) {}
+  /// Takes a text over, and leaves nothing of it behind.
+  static Secret Take(std::string&& text) {
+    Secret secret;
+    secret.text_ = std::move(text);
+    Wipe(text);
+    return secret;
+  }
   Secret(const Secret& other) = default;
   Secret(Secret&& other) noexcept : text_(std::move(other.text_)) { Wipe(other.text_); }
   /// The old text goes with `other`.

@@ -26,16 +26,15 @@ class WebSessions {
     bool has_ended_another;  ///< the account had as many as it may
   };
 
-  /// A session ends `lifetime` after it was created, used or not. An account has at most
-  /// `most_per_account` of them: the one that was not used for longest makes room for a new one.
-  /// Refusing the new one would let programs that forget to log out lock their account out; that
-  /// the oldest goes would end those that live longest because they are needed.
-  WebSessions(std::chrono::seconds lifetime, std::size_t most_per_account)
-      : lifetime_(lifetime), most_per_account_(most_per_account) {}
+  /// An account has at most `most_per_account` sessions: the one that would end first makes room
+  /// for a new one. Refusing the new one would let programs that forget to log out lock their
+  /// account out; and this way no number of short ones ends a long one that somebody counts on.
+  explicit WebSessions(std::size_t most_per_account) : most_per_account_(most_per_account) {}
 
-  Created Create(const std::string& account, WebRole role, Time now);
+  /// The session ends `lifetime` from now, used or not.
+  Created Create(const std::string& account, WebRole role, std::chrono::seconds lifetime, Time now);
   /// Nothing for a token that is unknown or has expired.
-  std::optional<Session> Find(const std::string& token, Time now);
+  std::optional<Session> Find(const std::string& token, Time now) const;
   /// False when there was no such session.
   bool End(const std::string& token);
   void DropAccount(const std::string& account);
@@ -45,16 +44,14 @@ class WebSessions {
  private:
   struct Entry {
     Session session;
-    Time created;
-    Time used;
+    Time end;
   };
   using Entries = std::unordered_map<std::string, Entry>;  // by the token's SHA-256
 
-  bool HasExpired(const Entry& entry, Time now) const { return now - entry.created >= lifetime_; }
+  static bool HasExpired(const Entry& entry, Time now) { return now >= entry.end; }
   void DropExpired(Time now);
   bool MakeRoom(const std::string& account);
 
-  std::chrono::seconds lifetime_;
   std::size_t most_per_account_;
   Entries sessions_;
 };
