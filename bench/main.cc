@@ -14,12 +14,12 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <json/value.h>
-#include <json/writer.h>
 
 #include "measure.h"
+#include "results.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
+#include "web.h"
 #include "world.h"
 
 namespace quillon::bench {
@@ -40,26 +40,6 @@ struct Sizes {
 
 constexpr Sizes kQuick{2000, 200, 500, 2000, 500, 2000, 1000, 10'000, 1};
 
-struct Row {
-  std::string what;
-  double target;  // the ratio at most
-  Spread ratio;
-  std::string ours;
-  std::string theirs;
-};
-
-// The middle of what the runs of a program cost, with its unit.
-std::string Median(const Runs& runs, double Cost::*figure) {
-  std::vector<double> figures;
-  figures.reserve(runs.size());
-  for (const Cost& cost : runs) {
-    figures.push_back(cost.*figure);
-  }
-  const double median = SpreadOf(std::move(figures)).median;
-  return figure == &Cost::peak_mb ? fmt::format("{:.1f} MB", median)
-                                  : fmt::format("{:.3f} s", median);
-}
-
 // The next program reads everything from the disk.
 void ForgetFiles() {
   ::sync();
@@ -68,10 +48,11 @@ void ForgetFiles() {
 
 class Bench {
  public:
-  Bench(std::string programs, Sizes sizes) : programs_(std::move(programs)), sizes_(sizes) {}
+  Bench(std::string programs, const Sizes& sizes, const WebSizes& web_sizes)
+      : programs_(std::move(programs)), sizes_(sizes), web_(programs_, web_sizes, results_) {}
 
   // What can be measured, by the name that chooses it; everything without a name.
-  std::vector<Row> Run(const std::string& only) {
+  const Results& Run(const std::string& only) {
     const std::vector<std::pair<std::string, std::function<void()>>> measurements = {
         {"report", [this] { Report(); }},
         {"set", [this] { SetQuota(); }},
@@ -79,23 +60,22 @@ class Bench {
         {"find", [this] { FindOwnerless(); }},
         {"recount", [this] { RecountOwnerless(); }},
         {"remove", [this] { RemoveOwnerless(); }},
-        {"page", [this] { PageOwnerless(); }}};
+        {"page", [this] { PageOwnerless(); }},
+        {"remote-call", [this] { web_.RemoteCall(); }},
+        {"local-call", [this] { web_.LocalCall(); }},
+        {"web-server", [this] { web_.Server(); }},
+        {"web-memory", [this] { web_.Memory(); }},
+        {"web-start", [this] { web_.Start(); }}};
     for (const auto& [name, measure] : measurements) {
       if (only.empty() || only == name) {
         measure();
       }
     }
-    return std::move(rows_);
+    return results_;
   }
 
  private:
   std::string Program(const std::string& name) const { return programs_ + "/" + name; }
-
-  void Add(const std::string& what, double target, const Runs& ours, const Runs& theirs,
-           double Cost::*figure) {
-    rows_.push_back(
-        {what, target, Ratio(ours, theirs, figure), Median(ours, figure), Median(theirs, figure)});
-  }
 
   // A host of its own for a measurement.
   struct Host {
@@ -126,14 +106,14 @@ class Bench {
     }
 
     const std::string what = fmt::format("report of {} users", sizes_.users);
-    Add(what + ", time", 2.5, runs[0], runs[1], &Cost::seconds);
-    Add(what + ", whole program", 2.5, runs[0], runs[1], &Cost::whole_seconds);
-    Add(what + ", peak memory", 2.0, runs[0], runs[1], &Cost::peak_mb);
+    results_.Add(what + ", time", 2.5, runs[0], runs[1], &Cost::seconds);
+    results_.Add(what + ", whole program", 2.5, runs[0], runs[1], &Cost::whole_seconds);
+    results_.Add(what + ", peak memory", 2.0, runs[0], runs[1], &Cost::peak_mb);
     // Ours with many users beside ours with fewer, and beside it how the plain program grows.
     const Spread growth = Ratio(runs[0], runs[2], &Cost::seconds);
-    rows_.push_back({fmt::format("{} beside {}, time", what, sizes_.fewer_users), 12.0, growth,
-                     fmt::format("{:.1f}x", growth.median),
-                     fmt::format("{:.1f}x", Ratio(runs[1], runs[3], &Cost::seconds).median)});
+    results_.Add({fmt::format("{} beside {}, time", what, sizes_.fewer_users), 12.0, growth,
+                  fmt::format("{:.1f}x", growth.median),
+                  fmt::format("{:.1f}x", Ratio(runs[1], runs[3], &Cost::seconds).median)});
   }
 
   void SetQuota() {
@@ -143,8 +123,8 @@ class Bench {
     const auto runs = RunInTurn({{Program("set-by-library"), host.path()},
                                  {Program("set-in-a-straight-line"), host.path()}},
                                 3 * sizes_.rounds);
-    Add(fmt::format("set quota of {} users, time", sizes_.changed_users), 2.0, runs[0], runs[1],
-        &Cost::seconds);
+    results_.Add(fmt::format("set quota of {} users, time", sizes_.changed_users), 2.0, runs[0],
+                 runs[1], &Cost::seconds);
   }
 
   void Count(bool names_carry_sizes, double target) {
@@ -155,9 +135,9 @@ class Bench {
     const auto runs = RunInTurn({{Program("count-by-library"), host.path()},
                                  {"du", "-s", "--apparent-size", host.path() + "/spool"}},
                                 2 * sizes_.rounds);
-    Add(fmt::format("count {} messages beside du, sizes {} names", sizes_.messages,
-                    names_carry_sizes ? "in the" : "not in the"),
-        target, runs[0], runs[1], &Cost::whole_seconds);
+    results_.Add(fmt::format("count {} messages beside du, sizes {} names", sizes_.messages,
+                             names_carry_sizes ? "in the" : "not in the"),
+                 target, runs[0], runs[1], &Cost::whole_seconds);
   }
 
   // The command is the scan's own; the second row adds what it costs to look every figure up.
@@ -171,10 +151,11 @@ class Bench {
         "/bin/find", host.path() + "/spool", "-mindepth", "2", "-maxdepth", "2", "-type", "d",
         "-nouser"};
     const auto uncounted = RunInTurn({scan, find}, sizes_.rounds);
-    Add(what, 1.1, uncounted[0], uncounted[1], &Cost::whole_seconds);
+    results_.Add(what, 1.1, uncounted[0], uncounted[1], &Cost::whole_seconds);
     RunInTurn({{Program("recount-by-library"), host.path()}}, 0);
     const auto counted = RunInTurn({scan, find}, sizes_.rounds);
-    Add(what + ", with usage from the cache", 1.2, counted[0], counted[1], &Cost::whole_seconds);
+    results_.Add(what + ", with usage from the cache", 1.2, counted[0], counted[1],
+                 &Cost::whole_seconds);
   }
 
   void RecountOwnerless() {
@@ -186,9 +167,9 @@ class Bench {
                                            {"du", "-s", "--apparent-size", host.path() + "/spool"}};
     const std::string what = fmt::format("recount {} files beside du", sizes_.ownerless_files);
     const auto hot = RunInTurn(commands, 2 * sizes_.rounds);
-    Add(what + ", hot cache", 1.05, hot[0], hot[1], &Cost::seconds);
+    results_.Add(what + ", hot cache", 1.05, hot[0], hot[1], &Cost::seconds);
     const auto cold = RunInTurn(commands, sizes_.rounds, ForgetFiles);
-    Add(what + ", cold cache", 1.05, cold[0], cold[1], &Cost::seconds);
+    results_.Add(what + ", cold cache", 1.05, cold[0], cold[1], &Cost::seconds);
   }
 
   void RemoveOwnerless() {
@@ -202,8 +183,8 @@ class Bench {
     const auto runs = RunInTurn(
         {{Program("remove-by-library"), host.path()}, {"rm", "-rf", host.path() + "/spool/local"}},
         sizes_.rounds, make);
-    Add(fmt::format("remove {} files beside rm -rf", sizes_.removed_files), 1.05, runs[0], runs[1],
-        &Cost::seconds);
+    results_.Add(fmt::format("remove {} files beside rm -rf", sizes_.removed_files), 1.05, runs[0],
+                 runs[1], &Cost::seconds);
   }
 
   void PageOwnerless() {
@@ -217,55 +198,27 @@ class Bench {
               {{Program("page-of-ownerless"), "library", records, keyword, sort_by, offset},
                {Program("page-of-ownerless"), "plain", records, keyword, sort_by, offset}},
               kRounds);
-          Add(fmt::format("{} page of {} by {}{}", offset, records, sort_by,
-                          *keyword == '\0' ? "" : ", filtered"),
-              target, runs[0], runs[1], &Cost::seconds);
+          results_.Add(fmt::format("{} page of {} by {}{}", offset, records, sort_by,
+                                   *keyword == '\0' ? "" : ", filtered"),
+                       target, runs[0], runs[1], &Cost::seconds);
         }
       }
     }
     const auto memory =
         RunInTurn({{Program("page-of-ownerless"), "memory", records, "", "name", "middle"}}, 1);
     const double bytes = memory[0].front().seconds;
-    rows_.push_back({fmt::format("page of {}, working bytes a record", records),
-                     32.0,
-                     {bytes, bytes, bytes},
-                     fmt::format("{:.1f} B", bytes),
-                     "-"});
+    results_.Add({fmt::format("page of {}, working bytes a record", records),
+                  32.0,
+                  {bytes, bytes, bytes},
+                  fmt::format("{:.1f} B", bytes),
+                  "-"});
   }
 
   const std::string programs_;
   const Sizes sizes_;
-  std::vector<Row> rows_;
+  Results results_;
+  WebBench web_;
 };
-
-void Print(const std::vector<Row>& rows, bool has_targets) {
-  fmt::print("{:<54} {:>10} {:>10} {:>7} {:>13} {:>7}\n", "what", "ours", "plain", "ratio",
-             "(min - max)", "target");
-  for (const Row& row : rows) {
-    fmt::print("{:<54} {:>10} {:>10} {:>7.2f} {:>13} {:>7} {}\n", row.what, row.ours, row.theirs,
-               row.ratio.median,
-               fmt::format("({:.2f} - {:.2f})", row.ratio.lowest, row.ratio.highest),
-               has_targets ? fmt::format("{:.2f}", row.target) : "-",
-               !has_targets                     ? ""
-               : row.ratio.median <= row.target ? "met"
-                                                : "MISSED");
-  }
-}
-
-void WriteJson(const std::vector<Row>& rows, const std::string& path) {
-  Json::Value document(Json::arrayValue);
-  for (const Row& row : rows) {
-    Json::Value& entry = document.append(Json::Value(Json::objectValue));
-    entry["what"] = row.what;
-    entry["ours"] = row.ours;
-    entry["plain"] = row.theirs;
-    entry["ratio"] = row.ratio.median;
-    entry["lowest_ratio"] = row.ratio.lowest;
-    entry["highest_ratio"] = row.ratio.highest;
-    entry["target"] = row.target;
-  }
-  std::ofstream(path) << document << '\n';
-}
 
 }  // namespace
 }  // namespace quillon::bench
@@ -280,17 +233,20 @@ int main(int argc, char** argv) {
   app.add_option("--json", json, "write the figures to this file, too");
   std::string only;
   app.add_option("--only", only, "measure this alone")
-      ->check(CLI::IsMember({"report", "set", "count", "find", "recount", "remove", "page"}));
+      ->check(
+          CLI::IsMember({"report", "set", "count", "find", "recount", "remove", "page",
+                         "remote-call", "local-call", "web-server", "web-memory", "web-start"}));
   CLI11_PARSE(app, argc, argv);
 
   try {
     const std::string programs = std::filesystem::canonical("/proc/self/exe").parent_path();
-    const auto rows =
-        quillon::bench::Bench(programs, is_quick ? quillon::bench::kQuick : quillon::bench::Sizes{})
-            .Run(only);
-    quillon::bench::Print(rows, !is_quick);
+    auto bench = is_quick ? quillon::bench::Bench(programs, quillon::bench::kQuick,
+                                                  quillon::bench::kQuickWeb)
+                          : quillon::bench::Bench(programs, {}, {});
+    const quillon::bench::Results& results = bench.Run(only);
+    results.Print(!is_quick);
     if (!json.empty()) {
-      quillon::bench::WriteJson(rows, json);
+      results.WriteJson(json);
     }
     return 0;
   } catch (const std::exception& error) {

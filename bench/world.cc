@@ -67,16 +67,20 @@ void MakeMaildir(const std::string& path, std::size_t messages, bool names_carry
 
 }  // namespace
 
-void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket) {
-  fs::create_symlink(redis_socket, folder + "/redis.sock");
+void MakeAccounts(const std::string& folder, std::size_t users, unsigned int first_uid) {
   std::ofstream passwd(folder + "/passwd");
   std::ofstream list(folder + "/names");
-  unsigned int uid = kFirstUid;
+  unsigned int uid = first_uid;
   for (const std::string& name : MakeNames(users)) {
     passwd << fmt::format("{}:x:{}:100::/home/{}:/usr/sbin/nologin\n", name, uid++, name);
     list << name << '\n';
   }
   std::ofstream(folder + "/group") << "mail-users:x:100:\n";
+}
+
+void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket) {
+  fs::create_symlink(redis_socket, folder + "/redis.sock");
+  MakeAccounts(folder, users, kFirstUid);
   std::ofstream(folder + "/mailserver.toml")
       << fmt::format(R"([accounts]
 passwd_file = "{0}/passwd"
@@ -122,7 +126,8 @@ void FillStores(const std::string& folder) {
   for (std::size_t i = 0; i < names.size(); ++i) {
     commands += fmt::format("SET {}/quota/storage {}\n", names[i], i * 7919 + 13);
   }
-  const auto outcome = test::Run({"redis-cli", "-s", folder + "/redis.sock", "--pipe"}, commands);
+  const std::string socket = platform::CurrentConfiguration()->usage.socket;
+  const auto outcome = test::Run({"redis-cli", "-s", socket, "--pipe"}, commands);
   if (outcome.exit_code != 0) {
     throw std::runtime_error("redis-cli: " + outcome.output + outcome.error);
   }

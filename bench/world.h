@@ -5,9 +5,13 @@
 
 namespace quillon::bench {
 
-/// Makes a host in `folder`: `users` accounts whose names are in no order, a configuration file
-/// "mailserver.toml" for it and the file "names" with the name of every user. Its usage store is
-/// the Redis server at `redis_socket`, to which FOLDER/redis.sock becomes a link.
+/// Writes the files "passwd" and "group" of `users` accounts whose names are in no order, and the
+/// file "names" with the name of every user.
+void MakeAccounts(const std::string& folder, std::size_t users, unsigned int first_uid);
+
+/// Makes a host in `folder`: `users` accounts and a configuration file "mailserver.toml" for it.
+/// Its usage store is the Redis server at `redis_socket`, to which FOLDER/redis.sock becomes a
+/// link.
 void MakeHost(const std::string& folder, std::size_t users, const std::string& redis_socket);
 
 /// Gives every user of the host a limit, a warning level and a usage.
