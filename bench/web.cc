@@ -131,7 +131,8 @@ Row CompareLoads(const std::string& what, Target target, const Loads& ours, cons
     ratios.push_back(our_figures.back() / their_figures.back());
   }
   const auto text = [](std::vector<double> figures) {
-    return fmt::format("{:.5g}", SpreadOf(std::move(figures)).median);
+    const double median = SpreadOf(std::move(figures)).median;
+    return median < 1000 ? fmt::format("{:.3f}", median) : fmt::format("{:.0f}", median);
   };
   return {what, target, SpreadOf(std::move(ratios)), text(std::move(our_figures)),
           text(std::move(their_figures))};

@@ -126,21 +126,28 @@ class CredRequestMgr::Queue {
   std::vector<std::unique_ptr<CredRequest>> requests_;
 };
 
-CredRequestMgr::CredRequestMgr() : queue_(std::make_unique<Queue>()) {}
+CredRequestMgr::CredRequestMgr() = default;
 CredRequestMgr::~CredRequestMgr() = default;
 
 int CredRequestMgr::AddCredRequest(CredRequest* request) {
   try {
+    if (queue_ == nullptr) {  // not before: a call of this process needs none
+      queue_ = std::make_unique<Queue>();
+    }
     return queue_->Add(request);
   } catch (const std::exception&) {
     return -1;
   }
 }
 
-void CredRequestMgr::Run() { queue_->Run(); }
+void CredRequestMgr::Run() {
+  if (queue_ != nullptr) {
+    queue_->Run();
+  }
+}
 
 std::string CredRequestMgr::GetResponse(int index) {
-  const std::string* const body = queue_->Body(index);
+  const std::string* const body = queue_ == nullptr ? nullptr : queue_->Body(index);
   return body == nullptr ? "" : *body;
 }
 

@@ -4,6 +4,7 @@
 #include <openssl/hmac.h>
 #include <openssl/sha.h>
 
+#include <memory>
 #include <stdexcept>
 
 namespace quillon::platform {
@@ -16,12 +17,18 @@ const unsigned char* Bytes(std::string_view text) {
 
 unsigned char* Bytes(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
 
+// To look the algorithm up by its name takes longer than it takes itself.
+const EVP_MD* Algorithm() {
+  static const std::unique_ptr<EVP_MD, decltype(&::EVP_MD_free)> algorithm(
+      ::EVP_MD_fetch(nullptr, "SHA256", nullptr), ::EVP_MD_free);
+  return algorithm.get();
+}
+
 }  // namespace
 
 std::string Sha256(std::string_view text) {
   std::string digest(SHA256_DIGEST_LENGTH, '\0');
-  if (::EVP_Digest(text.data(), text.size(), Bytes(digest), nullptr, ::EVP_sha256(), nullptr) !=
-      1) {
+  if (::EVP_Digest(text.data(), text.size(), Bytes(digest), nullptr, Algorithm(), nullptr) != 1) {
     throw std::runtime_error("SHA-256 failed");
   }
   return digest;
@@ -29,7 +36,7 @@ std::string Sha256(std::string_view text) {
 
 std::string HmacSha256(std::string_view key, std::string_view text) {
   std::string code(SHA256_DIGEST_LENGTH, '\0');
-  if (::HMAC(::EVP_sha256(), key.data(), static_cast<int>(key.size()), Bytes(text), text.size(),
+  if (::HMAC(Algorithm(), key.data(), static_cast<int>(key.size()), Bytes(text), text.size(),
              Bytes(code), nullptr) == nullptr) {
     throw std::runtime_error("HMAC-SHA-256 failed");
   }
