@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pwd.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -18,6 +19,8 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -67,12 +70,37 @@ void Kill(pid_t pid, int signal) {
   }
 }
 
-std::shared_ptr<const platform::Configuration> Load(const std::string& file) {
-  platform::UseConfiguration(!file.empty() ? platform::LoadConfiguration(file)
-                             : ::access(platform::kDefaultConfigurationFile, F_OK) == 0
-                                 ? platform::LoadConfiguration(platform::kDefaultConfigurationFile)
-                                 : platform::Configuration());
-  return platform::CurrentConfiguration();
+// A copy without a name, which nobody changes any more.
+FileDescriptor CopyOf(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  FileDescriptor copy(::memfd_create("configuration", MFD_CLOEXEC));
+  if (!copy.IsOpen() || ::fchmod(copy.Get(), 0600) != 0 ||
+      ::write(copy.Get(), text.str().data(), text.str().size()) !=
+          static_cast<ssize_t>(text.str().size())) {
+    Fail("a copy of " + path);
+  }
+  return copy;
+}
+
+// Makes a file's configuration that of this process, and answers a copy of it; closed without a
+// file.
+FileDescriptor Load(const std::string& file) {
+  std::string path = file;
+  if (path.empty() && ::access(platform::kDefaultConfigurationFile, F_OK) == 0) {
+    path = platform::kDefaultConfigurationFile;
+  }
+  if (path.empty()) {
+    platform::UseConfiguration(platform::Configuration());
+    return FileDescriptor();
+  }
+  // The file for the sake of what it says about what is wrong; then what was copied, in case it has
+  // changed since.
+  static_cast<void>(platform::LoadConfiguration(path));
+  FileDescriptor copy = CopyOf(path);
+  platform::UseConfiguration(
+      platform::LoadConfiguration("/proc/self/fd/" + std::to_string(copy.Get())));
+  return copy;
 }
 
 std::string Sibling(const char* name) {
@@ -112,6 +140,7 @@ struct Program {
   std::string path;
   std::string argument;  // none when empty
   int socket;            // becomes `kSupervisorSocket`
+  int text = -1;         // becomes `kConfigurationText`, unless it is -1
 };
 
 // In the child, between fork and exec: system calls only.
@@ -122,10 +151,14 @@ struct Program {
     ::_exit(EXIT_FAILURE);
   }
   ::sigprocmask(SIG_SETMASK, &signals, nullptr);
-  if (program.socket == kSupervisorSocket) {
-    ::fcntl(program.socket, F_SETFD, 0);
-  } else {
-    ::dup2(program.socket, kSupervisorSocket);
+  // Out of each other's way first: either may have the number that the other is to get.
+  constexpr int kOutOfTheWay = 16;
+  const int socket = ::fcntl(program.socket, F_DUPFD_CLOEXEC, kOutOfTheWay);
+  const int text = program.text < 0 ? -1 : ::fcntl(program.text, F_DUPFD_CLOEXEC, kOutOfTheWay);
+  ::dup2(socket, kSupervisorSocket);
+  ::close(kConfigurationText);
+  if (text >= 0) {
+    ::dup2(text, kConfigurationText);
   }
   ::execv(program.path.c_str(), arguments);
   ::_exit(127);
@@ -156,7 +189,8 @@ pid_t Start(const Program& program, sigset_t signals) {
 
 Supervisor::Supervisor(std::string configuration_file)
     : configuration_file_(std::move(configuration_file)) {
-  const auto configuration = Load(configuration_file_);
+  configuration_text_ = Load(configuration_file_);
+  const auto configuration = platform::CurrentConfiguration();
   const auto& web = configuration->web;
   if (web.http_port == 0 && web.https_port == 0) {
     throw std::runtime_error("web.http_port and web.https_port are both off");
@@ -290,7 +324,8 @@ void Supervisor::StartWorker(std::uint32_t worker) {
   const FileDescriptor front_end(ends[0]);
   const FileDescriptor worker_end(ends[1]);
   Child& child = workers_[worker];
-  child.pid = Start({Sibling("quillon-webapid-worker"), configuration_file_, worker_end.Get()},
+  child.pid = Start({Sibling("quillon-webapid-worker"), configuration_file_, worker_end.Get(),
+                     configuration_text_.Get()},
                     former_signals_);
   child.started = Clock::now();
   ++child.generation;
@@ -320,8 +355,9 @@ void Supervisor::Reload() {
   Notify("RELOADING=1");
   const auto former = platform::CurrentConfiguration();
   try {
-    Load(configuration_file_);
+    FileDescriptor text = Load(configuration_file_);
     SendSettings();
+    configuration_text_ = std::move(text);
     for (const Child& worker : workers_) {
       Kill(worker.pid, SIGHUP);
     }

@@ -73,6 +73,7 @@ class Supervisor {
   void Stop();
 
   std::string configuration_file_;
+  platform::FileDescriptor configuration_text_;  // of the one in force; closed without a file
   sigset_t former_signals_;
   platform::FileDescriptor signals_;
   platform::FileDescriptor http_;

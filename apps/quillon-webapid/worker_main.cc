@@ -1,4 +1,5 @@
 // One worker: root, one thread, one call at a time. It has no socket but that to the front.
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
 #include <syslog.h>
@@ -20,17 +21,31 @@
 
 namespace {
 
+using quillon::webapid::kConfigurationText;
+
 constexpr char kSourceFile[] = "apps/quillon-webapid/worker";
 constexpr int kEndedLine = 23;
 constexpr int kReloadFailedLine = 29;
 
 std::string configuration_file;  // empty: the default one, which may be missing
 
+// The one in force. A worker that is started while the file is being edited, or is wrong, must not
+// end over it.
+void UseConfigurationInForce() {
+  using namespace quillon::platform;
+  const FileDescriptor text(::fcntl(kConfigurationText, F_GETFD) < 0 ? -1 : kConfigurationText);
+  UseConfiguration(text.IsOpen()
+                       ? LoadConfiguration("/proc/self/fd/" + std::to_string(kConfigurationText))
+                       : Configuration());
+}
+
+// The file's, which the supervisor has found to be good.
 void LoadConfigurationFile() {
   using namespace quillon::platform;
-  if (!configuration_file.empty()) {
-    UseConfiguration(LoadConfiguration(configuration_file));
-  }
+  const std::string path =
+      configuration_file.empty() ? kDefaultConfigurationFile : configuration_file;
+  const bool is_missing = configuration_file.empty() && ::access(path.c_str(), F_OK) != 0;
+  UseConfiguration(is_missing ? Configuration() : LoadConfiguration(path));
 }
 
 // Blocked, so that no call is interrupted by it; taken between the calls.
@@ -77,7 +92,7 @@ int main(int argc, char** argv) {
   ::pthread_atfork(nullptr, nullptr, UnblockSignals);
   try {
     configuration_file = argc > 1 ? argv[1] : "";
-    LoadConfigurationFile();
+    UseConfigurationInForce();
     quillon::handlers::RegisterAll();
     quillon::webapid::Serve(quillon::webapid::kSupervisorSocket, reload_signal.Get(), BetweenCalls);
   } catch (const std::exception& error) {
