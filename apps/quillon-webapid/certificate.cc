@@ -1,6 +1,5 @@
 #include "certificate.h"
 
-#include <fcntl.h>
 #include <gnutls/crypto.h>
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
@@ -8,7 +7,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -16,7 +14,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include <quillon/platform/file_descriptor.h>
+#include <quillon/platform/replace_file.h>
 
 namespace quillon::webapid {
 
@@ -58,19 +56,6 @@ void MakeFolder(const std::string& path) {
   if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != 0 ||
       (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     throw std::runtime_error(path + ": must be a folder of root's that nobody else may write to");
-  }
-}
-
-// Whole or not at all.
-void WriteFile(const std::string& path, std::string_view text, mode_t mode) {
-  const std::string temporary = path + ".new";
-  ::unlink(temporary.c_str());
-  const platform::FileDescriptor file(
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
-  if (!file.IsOpen() ||
-      ::write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-      ::fsync(file.Get()) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(), path);
   }
 }
 
@@ -134,8 +119,8 @@ void MakeCertificate(const std::string& certificate_file, const std::string& key
         "certificate");
   Check(gnutls_x509_privkey_export2(key.Get(), GNUTLS_X509_FMT_PEM, &key_text.datum),
         "private key");
-  WriteFile(certificate_file, certificate_text.Get(), 0644);
-  WriteFile(key_file, key_text.Get(), 0600);
+  platform::ReplaceFile(certificate_file, certificate_text.Get(), 0644);
+  platform::ReplaceFile(key_file, key_text.Get(), 0600);
 }
 
 void CheckThatTheyMatch(const Text& certificate, const Text& key, const std::string& what) {

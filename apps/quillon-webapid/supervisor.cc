@@ -125,15 +125,13 @@ FileDescriptor OpenLog() {
   return file;
 }
 
-// Changes whenever the file does.
-std::string StateOf(const std::string& path) {
+// That of a file without anything in it where there is none.
+platform::FileState StateOf(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) {
-    return "none";
+    status = {};
   }
-  return std::to_string(status.st_ino) + " " + std::to_string(status.st_size) + " " +
-         std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec) +
-         " " + std::to_string(status.st_ctim.tv_sec) + "." + std::to_string(status.st_ctim.tv_nsec);
+  return platform::FileState(status);
 }
 
 struct Program {

@@ -10,6 +10,7 @@
 
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/file_descriptor.h>
+#include <quillon/platform/file_state.h>
 
 #include "settings.h"
 
@@ -82,7 +83,7 @@ class Supervisor {
   Child front_;
   std::vector<Child> workers_;
   std::vector<Leftover> leftovers_;
-  std::string accounts_state_;
+  platform::FileState accounts_state_{{}};
   bool is_ready_ = false;
   bool is_stopping_ = false;
   Clock::time_point stop_by_;

@@ -94,7 +94,6 @@ void WorkerPool::Dispatch() {
     }
     worker.call = waiting_.front();
     waiting_.pop_front();
-    ++running_;
     worker.unsent = std::exchange(calls_[worker.call].bytes, {});
     waiting_bytes_ -= worker.unsent.size();
     SendMore(worker);
@@ -158,7 +157,6 @@ void WorkerPool::TakeAnswer(Worker& worker, Frame frame) {
     throw FrameError("the worker answers what it was not asked");
   }
   const std::uint32_t index = std::exchange(worker.call, kNone);
-  --running_;
   if ((frame.code & kLastAnswer) != 0) {
     Drop(worker, 0, nullptr);
   }
@@ -179,7 +177,6 @@ void WorkerPool::Drop(Worker& worker, int status, const char* message) {
     return;
   }
   const std::uint32_t index = std::exchange(worker.call, kNone);
-  --running_;
   maillog(LOG_ERR, "%s:%d a call is lost: %s", kSourceFile, kDroppedLine, message);
   Answer(index, status, FailureText(status, message));
 }

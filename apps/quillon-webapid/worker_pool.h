@@ -42,7 +42,6 @@ class WorkerPool {
   void CheckDeadlines(Time now);
   /// Answers everything that runs or waits.
   void FailAll();
-  bool IsIdle() const { return running_ == 0 && waiting_.empty(); }
 
  private:
   // A call, at its index; the generation grows when another call takes its place.
@@ -78,7 +77,6 @@ class WorkerPool {
   std::vector<std::uint32_t> free_;
   std::deque<std::uint32_t> waiting_;
   std::size_t waiting_bytes_ = 0;
-  std::size_t running_ = 0;
   std::deque<Worker> workers_;
 };
 

@@ -75,18 +75,15 @@ int ImportQuota(const ImportOptions& options) {
 
 void AddImportQuota(CLI::App& user, Command& command) {
   const auto options = std::make_shared<ImportOptions>();
-  CLI::App* import = user.add_subcommand(
+  CLI::App* quotas = user.add_subcommand(
       "import-quota", "Set the limits and warning levels that a file has for its users");
-  import
+  quotas
       ->add_option("FILE", options->file,
                    "rows of name,limit,warning; - reads them from standard input")
       ->type_name("")
       ->required();
-  import->add_flag("--dry-run", options->is_dry_run, "check the file, and change nothing");
-  import->add_flag("--json", options->as_json, "print JSON, the rows that are bad, too");
-  import->footer("Example: quillonctl user import-quota --dry-run quotas.csv");
-  import->callback([options, &command] {
-    command = [options] { return ImportQuota(*options);
-};
-});
+  quotas->add_flag("--dry-run", options->is_dry_run, "check the file, and change nothing");
+  quotas->add_flag("--json", options->as_json, "print JSON, the rows that are bad, too");
+  quotas->footer("Example: quillonctl user import-quota --dry-run quotas.csv");
+  quotas->callback([options, &command] { command = [options] { return ImportQuota(*options); }; });
 }

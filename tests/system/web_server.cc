@@ -1,7 +1,6 @@
 #include "system/web_server.h"
 
 #include <curl/curl.h>
-#include <gsasl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 
 #include "support/child_processes.h"
 #include "support/loopback.h"
+#include "support/scram_client.h"
 
 namespace quillon::test {
 
@@ -76,39 +76,6 @@ WebAnswer Exchange(const std::string& url, const WebCall* call) {
   curl_easy_cleanup(handle);
   return answer;
 }
-
-// The client's side of a login.
-class Scram {
- public:
-  Scram(const std::string& account, const std::string& password) {
-    if (gsasl_init(&context_) != GSASL_OK ||
-        gsasl_client_start(context_, "SCRAM-SHA-256", &session_) != GSASL_OK) {
-      throw std::runtime_error("no SCRAM-SHA-256 here");
-    }
-    gsasl_property_set(session_, GSASL_AUTHID, account.c_str());
-    gsasl_property_set(session_, GSASL_PASSWORD, password.c_str());
-  }
-  Scram(const Scram&) = delete;
-  Scram& operator=(const Scram&) = delete;
-  ~Scram() {
-    gsasl_finish(session_);
-    gsasl_done(context_);
-  }
-
-  std::string Step(const std::string& input) {
-    char* output = nullptr;
-    result = gsasl_step64(session_, input.c_str(), &output);
-    std::string text = output == nullptr ? "" : output;
-    gsasl_free(output);
-    return text;
-  }
-
-  int result = GSASL_OK;
-
- private:
-  Gsasl* context_ = nullptr;
-  Gsasl_session* session_ = nullptr;
-};
 
 }  // namespace
 
@@ -167,7 +134,7 @@ WebAnswer WebServer::Call(const std::string& token, const std::string& text) con
 
 WebAnswer WebServer::Login(const std::string& account, const std::string& password,
                            std::string* finish, const Json::Value& lifetime) const {
-  Scram client(account, password);
+  ScramClient client(account, password);
   Json::Value request;
   request["api"] = "VELA.Core.Login";
   request["version"] = 1;
@@ -190,7 +157,7 @@ WebAnswer WebServer::Login(const std::string& account, const std::string& passwo
   WebAnswer last = Post({text});
   if (last.status == 200) {
     client.Step(last.envelope["data"]["message"].asString());
-    if (client.result != GSASL_OK) {
+    if (client.result() != GSASL_OK) {
       throw std::runtime_error("the server does not know the account either");
     }
   }

@@ -16,11 +16,11 @@
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/file_state.h>
 #include <velamailserver/maillog.h>
 
 #include "accounts/account_lines.h"
 #include "accounts/account_table.h"
-#include "utils/file_state.h"
 #include "utils/file_text.h"
 
 namespace quillon::platform {

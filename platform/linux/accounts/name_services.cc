@@ -17,7 +17,8 @@
 
 #include <fmt/format.h>
 
-#include "utils/file_state.h"
+#include <quillon/platform/file_state.h>
+
 #include "utils/file_text.h"
 
 namespace quillon::platform {

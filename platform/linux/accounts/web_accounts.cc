@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <quillon/platform/replace_file.h>
 #include <quillon/platform/web_accounts.h>
 
 #include "utils/base64.h"
@@ -16,7 +17,6 @@
 #include "utils/decimal.h"
 #include "utils/file_text.h"
 #include "utils/random_bytes.h"
-#include "utils/replace_file.h"
 #include "utils/salted_password.h"
 
 namespace quillon::platform {

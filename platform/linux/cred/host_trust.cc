@@ -18,13 +18,13 @@
 
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/host_trust.h>
+#include <quillon/platform/replace_file.h>
 
 #include "cred/curl_handle.h"
 #include "cred/trusted_key.h"
 #include "utils/base64.h"
 #include "utils/change_lock.h"
 #include "utils/file_text.h"
-#include "utils/replace_file.h"
 #include "utils/sha256.h"
 
 namespace quillon::platform {

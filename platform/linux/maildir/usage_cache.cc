@@ -13,13 +13,13 @@
 #include <soci/sqlite3/soci-sqlite3.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/file_state.h>
 #include <quillon/platform/no_owner_usage.h>
 #include <velamailserver/log_exception.h>
 
 #include "utils/database_error.h"
 #include "utils/database_transaction.h"
 #include "utils/decimal.h"
-#include "utils/file_state.h"
 #include "utils/sqlite_file.h"
 
 namespace quillon::platform {

@@ -1,5 +1,3 @@
-#include "utils/replace_file.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +6,8 @@
 #include <cstddef>
 #include <cstdio>
 #include <filesystem>
+
+#include <quillon/platform/replace_file.h>
 
 #include "utils/file_descriptor.h"
 #include "utils/file_text.h"

@@ -15,7 +15,11 @@ struct FileState {
         size(status.st_size),
         modified{status.st_mtim.tv_sec, status.st_mtim.tv_nsec},
         changed{status.st_ctim.tv_sec, status.st_ctim.tv_nsec} {}
-  bool operator==(const FileState&) const = default;
+  bool operator==(const FileState& other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           modified == other.modified && changed == other.changed;
+  }
+  bool operator!=(const FileState& other) const { return !(*this == other); }
 
   dev_t device;
   ino_t inode;
