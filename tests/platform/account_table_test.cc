@@ -1,12 +1,18 @@
 #include "accounts/account_table.h"
 
 #include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace quillon::platform {
 namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 const velamailserver::velasdk::AccountEntry* Find(const AccountTable& table, const char* name) {
   return table.Find(std::string_view(name));
@@ -78,6 +84,67 @@ TEST(AccountTable, ReadsGroups) {
   EXPECT_EQ(table.Find(100U)->name, "users");
 }
 
+TEST(AccountTable, KnowsThePrimaryGroupOfAUser) {
+  const AccountTable table("alice:x:1:100:::\nbob:x:2:4294967295:::\n", AccountTable::kPasswd);
+
+  EXPECT_EQ(Find(table, "alice")->primary_gid, 100U);
+  EXPECT_EQ(Find(table, "bob")->primary_gid, 4294967295U);
+}
+
+// "member gid" of each membership.
+std::vector<std::string> Memberships(const AccountTable& table, std::string_view name) {
+  std::vector<std::string> memberships;
+  for (const auto& [member, gid] : table.Memberships(name)) {
+    memberships.push_back(std::string(member) + " " + std::to_string(gid));
+  }
+  return memberships;
+}
+
+TEST(AccountTable, FindsTheGroupsThatListAMember) {
+  const AccountTable table("staff:x:50:alice,bob\nusers:x:100:\nsales:x:60:bob\n",
+                           AccountTable::kGroup);
+
+  EXPECT_THAT(Memberships(table, "alice"), ElementsAre("alice 50"));
+  EXPECT_THAT(Memberships(table, "bob"), ElementsAre("bob 50", "bob 60"));
+  EXPECT_THAT(Memberships(table, "carol"), IsEmpty());
+  EXPECT_THAT(Memberships(table, ""), IsEmpty());
+}
+
+TEST(AccountTable, TakesMemberNamesInAnyLetterCaseAndTellsTheirSpelling) {
+  const AccountTable table("staff:x:50:Bob\nsales:x:60:bob\n", AccountTable::kGroup);
+
+  EXPECT_THAT(Memberships(table, "BOB"), ElementsAre("Bob 50", "bob 60"));
+}
+
+TEST(AccountTable, TakesListsOfMembersAsPeopleWriteThem) {
+  const AccountTable table(
+      "empty:x:1:,,\nblank:x:2: \nspaces:x:3: alice ,\tbob\r\ntwice:x:4:bob,bob\n"
+      "inside:x:5:zo\xc3\xab b\nsplit:x:6:alice\nsplit:x:6:bob",
+      AccountTable::kGroup);
+
+  EXPECT_EQ(table.broken_line(), 0U);
+  EXPECT_THAT(Memberships(table, "alice"), ElementsAre("alice 3", "alice 6"));
+  EXPECT_THAT(Memberships(table, "bob"), ElementsAre("bob 3", "bob 4", "bob 4", "bob 6"));
+  EXPECT_THAT(Memberships(table, "zo\xc3\xab b"), ElementsAre("zo\xc3\xab b 5"));
+  EXPECT_THAT(Memberships(table, ""), IsEmpty());
+  EXPECT_THAT(Memberships(table, " "), IsEmpty());
+}
+
+TEST(AccountTable, IndexesMembersOnceForAllThreads) {
+  std::string text;
+  for (int gid = 0; gid < 5000; ++gid) {
+    text += "g" + std::to_string(gid) + ":x:" + std::to_string(gid) + ":alice\n";
+  }
+  const AccountTable table(text, AccountTable::kGroup);
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] { EXPECT_EQ(table.Memberships("alice").size(), 5000U); });
+  }
+  for (std::thread& reader : readers) {
+    reader.join();
+  }
+}
+
 TEST(AccountTable, TakesTheLargestIdAndALastLineWithoutItsEnd) {
   const AccountTable table("max:x:4294967295:1:::", AccountTable::kPasswd);
 
@@ -120,7 +187,8 @@ INSTANTIATE_TEST_SUITE_P(
     AccountTable, BrokenLine,
     testing::Values<std::string>("eve", "eve:x:3", "eve:x:3:1::", "eve:x:3:1::::", ":x:3:1:::",
                                  "eve:x::1:::", "eve:x:-3:1:::", "eve:x:3a:1:::", "eve:x: 3:1:::",
-                                 "eve:x:4294967296:1:::", "<<<<<<< HEAD"));
+                                 "eve:x:4294967296:1:::", "eve:x:3::::", "eve:x:3:-1:::",
+                                 "eve:x:3:1a:::", "eve:x:3:4294967296:::", "<<<<<<< HEAD"));
 
 }  // namespace
 }  // namespace quillon::platform

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/group_list.h>
 #include <velamailserver/conf/smtp_ext.h>
 #include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/vela_group.h>
@@ -228,6 +229,62 @@ TEST_F(Accounts, ListTheHostsOwnUsersByDefault) {
   UseConfiguration(configuration_);
 
   EXPECT_THAT(MailUsers(), ElementsAre("root"));
+}
+
+std::vector<std::string> ListedGroups() {
+  std::vector<std::string> names;
+  for (const VelaGroup& group : ListGroups()) {
+    names.push_back(group.Name());
+  }
+  return names;
+}
+
+TEST_F(Accounts, ListTheGroupsOfTheFileWithinTheGidRangeOnceEach) {
+  folder_.Write("group",
+                "low:x:999:\nlast:x:59999:alice\nfirst:x:1000:\nalias:x:1000:\nhigh:x:60000:\n");
+
+  EXPECT_THAT(ListedGroups(), ElementsAre("first", "last"));
+
+  configuration_.accounts.min_gid = 60000;
+  configuration_.accounts.max_gid = 60000;
+  UseConfiguration(configuration_);
+  EXPECT_THAT(ListedGroups(), ElementsAre("high"));
+}
+
+TEST_F(Accounts, ListNoHostGroupsBesideAnotherFile) {
+  configuration_.accounts.min_gid = 0;
+  configuration_.accounts.max_gid = 100000;
+  UseConfiguration(configuration_);
+
+  EXPECT_THAT(ListedGroups(), ElementsAre("mailstaff"));
+}
+
+TEST_F(Accounts, ListTheHostsOwnGroupsByDefault) {
+  configuration_.accounts.group_file = "/etc/group";
+  configuration_.accounts.min_gid = 0;
+  configuration_.accounts.max_gid = 0;
+  UseConfiguration(configuration_);
+
+  EXPECT_THAT(ListedGroups(), ElementsAre("root"));
+}
+
+TEST_F(Accounts, ListAGroupAddedAMomentAgo) {
+  configuration_.accounts.max_gid = 100000;
+  UseConfiguration(configuration_);
+  EXPECT_THAT(ListedGroups(), ElementsAre("mailstaff"));
+
+  std::ofstream(folder_ / "group", std::ios::app) << "sales:x:70101:\n";
+
+  EXPECT_THAT(ListedGroups(), ElementsAre("mailstaff", "sales"));
+}
+
+TEST_F(Accounts, FailToListGroupsOfAFileThatCannotBeRead) {
+  std::filesystem::remove(folder_ / "group");
+
+  const auto failure = FailureOf([] { ListGroups(); });
+  EXPECT_EQ(failure.code(), velamailserver::ERR_SDK_GROUP_INFO_ENUM_BY_SUBSTR);
+  EXPECT_EQ(failure.what(),
+            "cannot list the groups: " + (folder_ / "group") + ": No such file or directory");
 }
 
 TEST_F(Accounts, ServeSeveralThreadsWhileTheFileChanges) {

@@ -45,6 +45,10 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.accounts.passwd_file, "/etc/passwd");
   EXPECT_EQ(configuration.accounts.min_uid, 1000U);
   EXPECT_EQ(configuration.accounts.max_uid, 59999U);
+  EXPECT_EQ(configuration.accounts.min_gid, 1000U);
+  EXPECT_EQ(configuration.accounts.max_gid, 59999U);
+  EXPECT_EQ(configuration.accounts.admin_group, "sudo");
+  EXPECT_EQ(configuration.accounts.privileges_file, "/etc/quillon/app-privileges");
   EXPECT_EQ(configuration.maildir.domain, "local");
   EXPECT_EQ(configuration.maildir.usage_cache, "/var/lib/quillon/no-owner-usage.db");
   EXPECT_EQ(configuration.quota.store, "sqlite:///var/lib/quillon/quota.db");
@@ -66,6 +70,10 @@ passwd_file = "/a/passwd"
 group_file = "/a/group"
 min_uid = 0
 max_uid = 4294967294
+min_gid = 0
+max_gid = 4294967294
+admin_group = ""
+privileges_file = "/a/privileges"
 [maildir]
 root = "/a/spool"
 domain = "example.org"
@@ -116,6 +124,10 @@ file = "/a/log"
   EXPECT_EQ(configuration.accounts.group_file, "/a/group");
   EXPECT_EQ(configuration.accounts.min_uid, 0U);
   EXPECT_EQ(configuration.accounts.max_uid, 4294967294U);
+  EXPECT_EQ(configuration.accounts.min_gid, 0U);
+  EXPECT_EQ(configuration.accounts.max_gid, 4294967294U);
+  EXPECT_EQ(configuration.accounts.admin_group, "");
+  EXPECT_EQ(configuration.accounts.privileges_file, "/a/privileges");
   EXPECT_EQ(configuration.maildir.root, "/a/spool");
   EXPECT_EQ(configuration.maildir.domain, "example.org");
   EXPECT_EQ(configuration.maildir.usage_cache, "/a/cache.db");
@@ -218,6 +230,12 @@ INSTANTIATE_TEST_SUITE_P(
         ImpossibleValue{"accounts", "max_uid = 4294967295", "must be from 0 to 4294967294"},
         ImpossibleValue{"accounts", "min_uid = 60000", "no uid is from 60000 to 59999"},
         ImpossibleValue{"accounts", "max_uid = 999", "no uid is from 1000 to 999"},
+        ImpossibleValue{"accounts", "min_gid = -1", "must be from 0 to 4294967294"},
+        ImpossibleValue{"accounts", "max_gid = 4294967295", "must be from 0 to 4294967294"},
+        ImpossibleValue{"accounts", "min_gid = 60000", "no gid is from 60000 to 59999"},
+        ImpossibleValue{"accounts", "max_gid = 999", "no gid is from 1000 to 999"},
+        ImpossibleValue{"accounts", "admin_group = 27", "must be a string"},
+        ImpossibleValue{"accounts", "privileges_file = 'privileges'", kNoPath},
         ImpossibleValue{"maildir", "root = 'spool'", kNoPath},
         ImpossibleValue{"maildir", "root = \"/a\\u0000b\"", "must not hold a NUL character"},
         ImpossibleValue{"maildir", "domain = ''", kNoFolder},

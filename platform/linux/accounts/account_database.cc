@@ -2,13 +2,10 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <mutex>
-#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -16,12 +13,13 @@
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
-#include <quillon/platform/file_state.h>
 #include <velamailserver/maillog.h>
 
 #include "accounts/account_lines.h"
 #include "accounts/account_table.h"
+#include "accounts/name_services.h"
 #include "utils/file_text.h"
+#include "utils/indexed_file.h"
 
 namespace quillon::platform {
 
@@ -34,85 +32,51 @@ using SharedTable = std::shared_ptr<const AccountTable>;
 constexpr char kSourceFile[] = "platform/linux/accounts/account_database";
 constexpr int kBrokenLineLine = 41;
 
-// A file of accounts that is read again when it has changed. Looking whether it has costs as much
-// as everything else in a lookup, so that is done at most every 50 ms, and whenever a lookup finds
-// nothing.
-class AccountFile {
- public:
-  enum Freshness { kRecent, kNow };
+using AccountFile = IndexedFile<AccountTable>;
+using Settings = Configuration::Accounts;
 
-  using Path = const std::string& (*)(const Configuration::Accounts& settings);
-
-  AccountFile(Path path_of, AccountLines::Format format) : path_of_(path_of), format_(format) {}
-
-  SharedTable Table(Freshness freshness) {
-    const auto configuration = CurrentConfiguration();
-    const std::string& path = path_of_(configuration->accounts);
-    const auto now = std::chrono::steady_clock::now();
-    const std::lock_guard lock(mutex_);
-    if (freshness == kNow || table_ == nullptr || path != path_ ||
-        now - looked_at_ > kLookInterval) {
-      Refresh(path);
-      looked_at_ = now;
-    }
-    return table_;
+template <AccountLines::Format kFormat>
+AccountFile::Reading ReadTable(const std::string& path) {
+  const FileText file = ReadAccountFile(path);
+  auto table = std::make_shared<const AccountTable>(file.text, kFormat);
+  if (table->broken_line() != 0) {
+    maillog(4, "%s:%d %s:%zu is not an account entry, it is left out", kSourceFile, kBrokenLineLine,
+            path.c_str(), table->broken_line());
   }
-
- private:
-  static constexpr std::chrono::milliseconds kLookInterval{50};
-
-  void Refresh(const std::string& path) {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
-      throw FileError(errno, path);
-    }
-    if (table_ != nullptr && path == path_ && FileState(status) == state_) {
-      return;
-    }
-    const FileText file = ReadAccountFile(path);
-    table_ = std::make_shared<const AccountTable>(file.text, format_);
-    path_ = path;
-    state_ = FileState(file.status);
-    if (table_->broken_line() != 0) {
-      maillog(4, "%s:%d %s:%zu is not an account entry, it is left out", kSourceFile,
-              kBrokenLineLine, path.c_str(), table_->broken_line());
-    }
-  }
-
-  const Path path_of_;
-  const AccountLines::Format format_;
-  std::mutex mutex_;
-  std::string path_;
-  FileState state_{{}};
-  SharedTable table_;
-  std::chrono::steady_clock::time_point looked_at_;
-};
+  return {FileState(file.status), std::move(table)};
+}
 
 AccountFile& Users() {
-  using Settings = Configuration::Accounts;
   static AccountFile file([](const Settings& s) -> const std::string& { return s.passwd_file; },
-                          AccountLines::kPasswd);
+                          ReadTable<AccountLines::kPasswd>);
   return file;
 }
 
 AccountFile& Groups() {
-  using Settings = Configuration::Accounts;
   static AccountFile file([](const Settings& s) -> const std::string& { return s.group_file; },
-                          AccountLines::kGroup);
+                          ReadTable<AccountLines::kGroup>);
   return file;
 }
 
 // The host's own, beside a file of virtual users.
 AccountFile& HostUsers() {
   static const std::string path = kHostPasswdFile;
-  static AccountFile file([](const Configuration::Accounts&) -> const std::string& { return path; },
-                          AccountLines::kPasswd);
+  static AccountFile file([](const Settings&) -> const std::string& { return path; },
+                          ReadTable<AccountLines::kPasswd>);
+  return file;
+}
+
+// The host's own, beside another file of groups.
+AccountFile& HostGroups() {
+  static const std::string path = kHostGroupFile;
+  static AccountFile file([](const Settings&) -> const std::string& { return path; },
+                          ReadTable<AccountLines::kGroup>);
   return file;
 }
 
 // As it is now, to its last line.
 SharedTable WholeTable(AccountFile& file, const std::string& path) {
-  SharedTable table = file.Table(AccountFile::kNow);
+  SharedTable table = file.Get(AccountFile::kNow);
   if (table->broken_line() != 0) {
     throw FileError(EINVAL, path,
                     fmt::format("line {} is not an account entry", table->broken_line()));
@@ -123,7 +87,7 @@ SharedTable WholeTable(AccountFile& file, const std::string& path) {
 template <typename Key>
 SharedEntry FindInFile(AccountFile& file, const Key& key) {
   for (const auto freshness : {AccountFile::kRecent, AccountFile::kNow}) {
-    const SharedTable table = file.Table(freshness);
+    const SharedTable table = file.Get(freshness);
     if (const Entry* entry = table->Find(key)) {
       return {table, entry};
     }
@@ -132,20 +96,30 @@ SharedEntry FindInFile(AccountFile& file, const Key& key) {
 }
 
 // An entry that owns its name.
-SharedEntry MakeEntry(const char* name, std::uint32_t id) {
+SharedEntry MakeEntry(const char* name, const Entry& ids) {
   struct OwnedEntry {
     std::string name;
     Entry entry;
   };
-  const auto owned = std::make_shared<OwnedEntry>(OwnedEntry{name, {}});
-  owned->entry = {owned->name, id};
+  const auto owned = std::make_shared<OwnedEntry>(OwnedEntry{name, ids});
+  owned->entry.name = owned->name;
   return {owned, &owned->entry};
 }
 
 SharedEntry EntryOf(const struct passwd& record) {
-  return MakeEntry(record.pw_name, record.pw_uid);
+  return MakeEntry(record.pw_name, {.id = record.pw_uid, .primary_gid = record.pw_gid});
 }
-SharedEntry EntryOf(const struct group& record) { return MakeEntry(record.gr_name, record.gr_gid); }
+SharedEntry EntryOf(const struct group& record) {
+  return MakeEntry(record.gr_name, {.id = record.gr_gid});
+}
+
+std::uint32_t IdOf(const struct passwd& record) { return record.pw_uid; }
+std::uint32_t IdOf(const struct group& record) { return record.gr_gid; }
+
+void MakeUnique(std::vector<std::uint32_t>& ids) {
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+}
 
 // Asks NSS by one of its reentrant functions, whose buffer is enlarged until the answer fits.
 template <typename Record, typename Key>
@@ -216,27 +190,86 @@ SharedEntry FindGroup(std::uint32_t gid) {
 
 namespace {
 
-// One walk through the users that NSS lists; the position of such a walk is the process's own.
-std::vector<std::uint32_t> ListNSSUids() {
+// How the C library lists its records of one kind.
+struct UserListing {
+  using Record = struct passwd;
+  static constexpr auto kBegin = ::setpwent;
+  static constexpr auto kNext = ::getpwent_r;
+  static constexpr auto kEnd = ::endpwent;
+};
+struct GroupListing {
+  using Record = struct group;
+  static constexpr auto kBegin = ::setgrent;
+  static constexpr auto kNext = ::getgrent_r;
+  static constexpr auto kEnd = ::endgrent;
+};
+
+// One walk through what NSS lists; the position of such a walk is the process's own.
+template <typename Listing>
+std::vector<std::uint32_t> ListNSSIds() {
   static std::mutex mutex;
   const std::lock_guard lock(mutex);
-  std::vector<std::uint32_t> uids;
+  std::vector<std::uint32_t> ids;
   std::vector<char> buffer(1024);
-  ::setpwent();
+  Listing::kBegin();
   while (true) {
-    struct passwd record {};
-    struct passwd* result = nullptr;
-    const int error = ::getpwent_r(&record, buffer.data(), buffer.size(), &result);
+    typename Listing::Record record{};
+    typename Listing::Record* result = nullptr;
+    const int error = Listing::kNext(&record, buffer.data(), buffer.size(), &result);
     if (error == 0 && result != nullptr) {
-      uids.push_back(result->pw_uid);
+      ids.push_back(IdOf(*result));
     } else if (error == ERANGE) {
       buffer.resize(2 * buffer.size());
     } else if (error != EINTR) {
-      ::endpwent();
+      Listing::kEnd();
       if (error == 0 || error == ENOENT) {
-        return uids;
+        return ids;
       }
       throw std::system_error(error, std::generic_category(), "name service");
+    }
+  }
+}
+
+template <typename Listing>
+std::vector<std::uint32_t> ListIds(AccountFile& file, bool is_hosts_own, std::uint32_t lowest,
+                                   std::uint32_t highest) {
+  std::vector<std::uint32_t> ids;
+  const SharedTable table = file.Get(AccountFile::kNow);
+  for (const Entry& entry : table->entries()) {
+    ids.push_back(entry.id);
+  }
+  if (is_hosts_own) {
+    const std::vector<std::uint32_t> more = ListNSSIds<Listing>();
+    ids.insert(ids.end(), more.begin(), more.end());
+  }
+  std::erase_if(ids, [=](std::uint32_t id) { return id < lowest || id > highest; });
+  MakeUnique(ids);
+  return ids;
+}
+
+bool IsVirtual(const Entry& user) {
+  if (CurrentConfiguration()->accounts.passwd_file == kHostPasswdFile) {
+    return false;
+  }
+  const SharedTable table = Users().Get(AccountFile::kRecent);
+  const Entry* const found = table->Find(user.name);
+  return found != nullptr && found->name == user.name;
+}
+
+// Whether a member's name, which is the user's but for letter case, is that of the user's account.
+bool IsNameOf(const Entry& user, std::string_view member) {
+  if (member == user.name) {
+    return true;
+  }
+  const SharedEntry found = FindUser(std::string(member));
+  return found != nullptr && found->name == user.name;
+}
+
+void AddGidsInFile(AccountFile& file, const Entry& user, std::vector<std::uint32_t>& gids) {
+  const SharedTable table = file.Get(AccountFile::kRecent);
+  for (const AccountTable::Membership& membership : table->Memberships(user.name)) {
+    if (IsNameOf(user, membership.member)) {
+      gids.push_back(membership.gid);
     }
   }
 }
@@ -244,18 +277,27 @@ std::vector<std::uint32_t> ListNSSUids() {
 }  // namespace
 
 std::vector<std::uint32_t> ListUids(std::uint32_t lowest, std::uint32_t highest) {
-  std::vector<std::uint32_t> uids;
-  for (const Entry& entry : Users().Table(AccountFile::kNow)->entries()) {
-    uids.push_back(entry.id);
+  const bool is_hosts_own = CurrentConfiguration()->accounts.passwd_file == kHostPasswdFile;
+  return ListIds<UserListing>(Users(), is_hosts_own, lowest, highest);
+}
+
+std::vector<std::uint32_t> ListGids(std::uint32_t lowest, std::uint32_t highest) {
+  const bool is_hosts_own = CurrentConfiguration()->accounts.group_file == kHostGroupFile;
+  return ListIds<GroupListing>(Groups(), is_hosts_own, lowest, highest);
+}
+
+std::vector<std::uint32_t> GroupsOf(const Entry& user) {
+  std::vector<std::uint32_t> gids = {user.primary_gid};
+  AddGidsInFile(Groups(), user, gids);
+  if (!IsVirtual(user)) {
+    if (CurrentConfiguration()->accounts.group_file != kHostGroupFile) {
+      AddGidsInFile(HostGroups(), user, gids);
+    }
+    const auto more = ListGidsOfNameServices(std::string(user.name));
+    gids.insert(gids.end(), more.begin(), more.end());
   }
-  if (CurrentConfiguration()->accounts.passwd_file == kHostPasswdFile) {
-    const std::vector<std::uint32_t> more = ListNSSUids();
-    uids.insert(uids.end(), more.begin(), more.end());
-  }
-  std::erase_if(uids, [=](std::uint32_t uid) { return uid < lowest || uid > highest; });
-  std::sort(uids.begin(), uids.end());
-  uids.erase(std::unique(uids.begin(), uids.end()), uids.end());
-  return uids;
+  MakeUnique(gids);
+  return gids;
 }
 
 }  // namespace quillon::platform

@@ -18,14 +18,6 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 // Millions of accounts; what is larger is something else, and would not fit into the memory.
 constexpr std::size_t kLargestFile = 256U << 20U;  // bytes
 
-// Cuts the text up to the next `separator` off the front of `rest`.
-std::string_view CutField(std::string_view& rest, char separator) {
-  const auto end = std::min(rest.find(separator), rest.size());
-  const std::string_view field = rest.substr(0, end);
-  rest.remove_prefix(std::min(end + 1, rest.size()));
-  return field;
-}
-
 bool IsEntry(std::string_view line) {
   const auto start = line.find_first_not_of(" \t\r");
   return start != std::string_view::npos && line[start] != '#' && line[0] != '+' && line[0] != '-';
@@ -42,10 +34,24 @@ std::optional<AccountEntry> ParseLine(std::string_view line, AccountLines::Forma
   if (name.empty() || name.find('\0') != std::string_view::npos || !id) {
     return std::nullopt;
   }
-  return AccountEntry{name, *id};
+  if (format == AccountLines::kGroup) {
+    return AccountEntry{.name = name, .id = *id, .members = line};
+  }
+  const auto primary_gid = ParseDecimal<std::uint32_t>(CutField(line, ':'));
+  if (!primary_gid) {
+    return std::nullopt;
+  }
+  return AccountEntry{.name = name, .id = *id, .primary_gid = *primary_gid};
 }
 
 }  // namespace
+
+std::string_view CutField(std::string_view& rest, char separator) {
+  const auto end = std::min(rest.find(separator), rest.size());
+  const std::string_view field = rest.substr(0, end);
+  rest.remove_prefix(std::min(end + 1, rest.size()));
+  return field;
+}
 
 AccountLines::AccountLines(std::string_view text, Format format) : rest_(text), format_(format) {
   if (rest_.starts_with(kByteOrderMark)) {

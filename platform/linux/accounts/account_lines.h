@@ -16,7 +16,8 @@ class AccountLines {
  public:
   using AccountEntry = velamailserver::velasdk::AccountEntry;
 
-  /// Which format: the two share name and id, in their first and third field.
+  /// Which format: the two share name and id, in their first and third field; the fourth is a
+  /// user's primary gid and a group's list of members.
   enum Format { kPasswd, kGroup };
 
   /// The text must outlive the reader and the entries.
@@ -35,6 +36,9 @@ class AccountLines {
   std::size_t number_ = 0;
   std::optional<AccountEntry> entry_;
 };
+
+/// Cuts the text up to the next `separator` off the front of `rest`.
+std::string_view CutField(std::string_view& rest, char separator);
 
 /// Reads a file of accounts. Throws `FileError`, for an empty file too: a program that rewrites it
 /// in place leaves it so for a moment, and everybody would be gone.

@@ -1,9 +1,7 @@
 #include "accounts/nobody.h"
 
 #include <cerrno>
-#include <chrono>
 #include <exception>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -18,31 +16,23 @@
 #include "accounts/account_database.h"
 #include "accounts/account_lines.h"
 #include "accounts/name_services.h"
+#include "utils/once_a_minute.h"
 
 namespace quillon::platform {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr char kSourceFile[] = "platform/linux/accounts/nobody";
 constexpr int kCannotTellLine = 34;
 constexpr int kOwnersUnknownLine = 51;
 
 // The reason is as a rule the same for every directory of a scan.
-void LogOnceAMinute(const std::string& reason) {
-  static std::mutex mutex;
-  static std::string last_reason;
-  static Clock::time_point logged_at;
-  const auto now = Clock::now();
-  const std::lock_guard lock(mutex);
-  if (reason == last_reason && now - logged_at < std::chrono::minutes(1)) {
-    return;
+void LogReason(const std::string& reason) {
+  static OnceAMinute log;
+  if (log.IsDue(reason)) {
+    maillog(4, "%s:%d cannot find out whose a uid is, it counts as somebody's: %s", kSourceFile,
+            kCannotTellLine, reason.c_str());
   }
-  last_reason = reason;
-  logged_at = now;
-  maillog(4, "%s:%d cannot find out whose a uid is, it counts as somebody's: %s", kSourceFile,
-          kCannotTellLine, reason.c_str());
 }
 
 // The answer to a question, or false when it cannot be answered.
@@ -55,7 +45,7 @@ bool AnswerOf(const Ask& ask) {
   } catch (const velamailserver::LogException&) {
     return false;  // it has logged itself
   } catch (const std::exception& error) {
-    LogOnceAMinute(error.what());
+    LogReason(error.what());
     return false;
   }
 }

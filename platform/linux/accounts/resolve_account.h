@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -38,6 +40,22 @@ std::shared_ptr<const velamailserver::velasdk::AccountEntry> ResolveAccount(
   }
   throw LogException(lookup.code, fmt::format("{} [{}]", lookup.absence, key), 3,
                      lookup.source_file, lookup.absent_line);
+}
+
+/// What `ask` answers. Throws `LogException` when it throws `std::runtime_error`, because the
+/// account database cannot tell; `purpose` is what could not be done.
+template <typename Ask>
+auto AskAccounts(velamailserver::ErrorCode code, const std::string& purpose,
+                 const char* source_file, int line, const Ask& ask) {
+  using velamailserver::LogException;
+  try {
+    return ask();
+  } catch (const LogException&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    throw LogException(code, fmt::format("cannot {}: {}", purpose, error.what()), 3, source_file,
+                       line);
+  }
 }
 
 }  // namespace quillon::platform

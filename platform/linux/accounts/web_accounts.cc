@@ -1,5 +1,4 @@
 #include <gsasl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -274,24 +273,12 @@ bool WebAccount::operator==(const WebAccount& other) const {
 }
 
 Secret ReadWebAccountsFile(const std::string& path) {
-  FileText file{};
   try {
-    file = ReadFileText(path, kLargestFile, Links::kRefuse);
+    auto file = ReadRootFile(path, kLargestFile, Others::kMayDoNothing);
+    return file ? Secret::Take(std::move(file->text)) : Secret();
   } catch (const FileError& error) {
-    if (error.code() == std::errc::no_such_file_or_directory) {
-      return Secret();
-    }
     throw WebAccountsError(error.what());
   }
-  const Secret text(file.text);
-  Wipe(file.text);
-  if (file.status.st_uid != 0) {
-    throw WebAccountsError(path + ": does not belong to root, it is not used");
-  }
-  if ((file.status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    throw WebAccountsError(path + ": others than root may read or write it, it is not used");
-  }
-  return text;
 }
 
 std::vector<WebAccount> ParseWebAccounts(std::string_view text, const std::string& path) {

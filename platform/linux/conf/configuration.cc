@@ -199,7 +199,11 @@ Configuration Read(const std::string& path, const toml::table& document) {
         table("accounts", {{"passwd_file", r.Text(c.accounts.passwd_file, ObjectToPath)},
                            {"group_file", r.Text(c.accounts.group_file, ObjectToPath)},
                            {"min_uid", r.Number(c.accounts.min_uid, 0, kHighestId)},
-                           {"max_uid", r.Number(c.accounts.max_uid, 0, kHighestId)}})},
+                           {"max_uid", r.Number(c.accounts.max_uid, 0, kHighestId)},
+                           {"min_gid", r.Number(c.accounts.min_gid, 0, kHighestId)},
+                           {"max_gid", r.Number(c.accounts.max_gid, 0, kHighestId)},
+                           {"admin_group", r.Text(c.accounts.admin_group)},
+                           {"privileges_file", r.Text(c.accounts.privileges_file, ObjectToPath)}})},
        {"maildir",
         table("maildir", {{"root", r.Text(c.maildir.root, ObjectToPath)},
                           {"domain", r.Text(c.maildir.domain, ObjectToFolderName)},
@@ -253,11 +257,18 @@ Configuration Read(const std::string& path, const toml::table& document) {
     const std::string place = node ? Position(path, node.node()->source()) : path;
     throw ConfigurationError(fmt::format("{}: {}.{}: {}", place, table_name, key, problem));
   };
-  if (c.accounts.min_uid > c.accounts.max_uid) {
-    const bool is_min_set = static_cast<bool>(document["accounts"]["min_uid"]);
-    reject("accounts", is_min_set ? "min_uid" : "max_uid",
-           fmt::format("no uid is from {} to {}", c.accounts.min_uid, c.accounts.max_uid));
-  }
+  const auto require_range = [&](const std::string& id, std::uint32_t lowest,
+                                 std::uint32_t highest) {
+    if (lowest > highest) {
+      const std::string min_key = "min_" + id;
+      const std::string max_key = "max_" + id;
+      const bool is_min_set = static_cast<bool>(document["accounts"][min_key]);
+      reject("accounts", (is_min_set ? min_key : max_key).c_str(),
+             fmt::format("no {} is from {} to {}", id, lowest, highest));
+    }
+  };
+  require_range("uid", c.accounts.min_uid, c.accounts.max_uid);
+  require_range("gid", c.accounts.min_gid, c.accounts.max_gid);
   if (c.log.target == "file" && c.log.file.empty()) {
     reject("log", "target", "the target \"file\" needs log.file");
   }

@@ -1,11 +1,12 @@
 #include <cstdint>
-#include <system_error>
+#include <vector>
 
 #include <quillon/platform/configuration.h>
 #include <velamailserver/conf/smtp_ext.h>
 #include <velamailserver/log_exception.h>
 
 #include "accounts/account_database.h"
+#include "accounts/resolve_account.h"
 #include "maildir/maildir.h"
 
 namespace velamailserver::conf {
@@ -23,15 +24,11 @@ SmtpExt::SmtpExt() = default;
 
 std::vector<velasdk::VelaUser> SmtpExt::EnumUsers() const {
   const auto configuration = quillon::platform::CurrentConfiguration();
-  std::vector<std::uint32_t> uids;
-  try {
-    uids = quillon::platform::ListUids(configuration->accounts.min_uid,
-                                       configuration->accounts.max_uid);
-  } catch (const std::system_error& error) {
-    throw LogException(ERR_SDK_USER_ENUM,
-                       std::string("cannot list the mail users: ") + error.what(), 3, kSourceFile,
-                       kEnumUsersFailedLine);
-  }
+  const std::vector<std::uint32_t> uids = quillon::platform::AskAccounts(
+      ERR_SDK_USER_ENUM, "list the mail users", kSourceFile, kEnumUsersFailedLine, [&] {
+        return quillon::platform::ListUids(configuration->accounts.min_uid,
+                                           configuration->accounts.max_uid);
+      });
   return {uids.begin(), uids.end()};
 }
 

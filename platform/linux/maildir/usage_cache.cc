@@ -1,6 +1,5 @@
 #include "maildir/usage_cache.h"
 
-#include <pthread.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -17,6 +16,7 @@
 #include <quillon/platform/no_owner_usage.h>
 #include <velamailserver/log_exception.h>
 
+#include "utils/closed_before_fork.h"
 #include "utils/database_error.h"
 #include "utils/database_transaction.h"
 #include "utils/decimal.h"
@@ -175,16 +175,6 @@ class UsageCache {
   }
 
  private:
-  // SQLite's state must not get into a child: it would believe that it holds the locks that its
-  // parent has, and write without any.
-  UsageCache() { ::pthread_atfork(BeforeFork, AfterFork, AfterFork); }
-
-  static void BeforeFork() {
-    Get().mutex_.lock();
-    Get().connection_.reset();
-  }
-  static void AfterFork() { Get().mutex_.unlock(); }
-
   template <typename Work>
   void Run(const Task& task, const Work& work) {
     const SqliteFile file = ConfiguredFile();
@@ -229,8 +219,9 @@ class UsageCache {
     }
   }
 
-  std::mutex mutex_;
-  std::unique_ptr<Connection> connection_;
+  ClosedBeforeFork<Connection>& process_ = ClosedBeforeFork<Connection>::Get();
+  std::mutex& mutex_ = process_.mutex;
+  std::unique_ptr<Connection>& connection_ = process_.connection;
 };
 
 // Keeps a scan from trying 100,000 times to read a cache that cannot be read: not again before it

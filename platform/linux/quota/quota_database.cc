@@ -70,6 +70,58 @@ struct QuotaDatabase::Task {
   int line;
 };
 
+// A statement that reads values, which costs more to prepare than to use.
+class QuotaDatabase::Selection {
+ public:
+  // With dense ids of their range, else of their list.
+  Selection(soci::session& session, const QuotaDialect& dialect, const char* table, bool is_dense)
+      : is_dense_(is_dense),
+        statement_(
+            is_dense
+                ? (session.prepare << fmt::format(
+                       "SELECT id, bytes FROM {} WHERE id BETWEEN :first AND :last ORDER BY id",
+                       table),
+                   soci::use(first_, "first"), soci::use(last_, "last"), soci::into(id_),
+                   soci::into(bytes_, indicator_))
+                : (session.prepare << fmt::format(fmt::runtime(dialect.sql().list_listed), table),
+                   soci::use(ids_, "ids"), soci::into(id_), soci::into(bytes_, indicator_))) {}
+  Selection(const Selection&) = delete;
+  Selection& operator=(const Selection&) = delete;
+
+  void Begin(const Ids& ids) {
+    first_ = ids.front();
+    last_ = ids.back();
+    ids_ = is_dense_ ? "" : fmt::format("{}", fmt::join(ids, ","));
+    statement_.execute();
+  }
+
+  // Goes to the next row, in ascending order of ids. False at the end, which has to be reached: it
+  // lets go of the state of the database that is read.
+  bool Next() {
+    const bool has_row = statement_.fetch();
+    if (has_row && indicator_ == soci::i_null) {
+      bytes_ = "NULL";
+    }
+    return has_row;
+  }
+
+  long long id() const { return id_; }
+  const std::string& bytes() const { return bytes_; }
+
+ private:
+  const bool is_dense_;
+  long long first_ = 0;
+  long long last_ = 0;
+  std::string ids_;
+  long long id_ = 0;
+  std::string bytes_;
+  soci::indicator indicator_ = soci::i_ok;
+  soci::statement statement_;
+};
+
+QuotaDatabase::QuotaDatabase() = default;
+QuotaDatabase::~QuotaDatabase() = default;
+
 void QuotaDatabase::Open() {
   if (session_ != nullptr) {
     return;
@@ -98,6 +150,7 @@ auto QuotaDatabase::Run(const Task& task, const Work& work) {
     } catch (const soci::soci_error& error) {
       const bool is_lost = !session_->is_connected();
       if (is_lost) {
+        selections_.clear();
         session_.reset();
       }
       if (!is_lost || is_retried) {
@@ -153,38 +206,30 @@ std::vector<Record> QuotaDatabase::List(const char* table, Ids ids) {
              [&] { return Fetch<Record>(table, ids); });
 }
 
+std::unique_ptr<QuotaDatabase::Selection> QuotaDatabase::TakeSelection(const char* table,
+                                                                       bool is_dense) {
+  auto& kept = selections_[{table, is_dense}];
+  return kept ? std::move(kept)
+              : std::make_unique<Selection>(*session_, *dialect_, table, is_dense);
+}
+
 template <typename Record>
 std::vector<Record> QuotaDatabase::Fetch(const char* table, const Ids& ids) {
-  const long long first = ids.front();
-  const long long last = ids.back();
   const bool is_dense = IsDense(ids);
-  const std::string ids_text = is_dense ? "" : fmt::format("{}", fmt::join(ids, ","));
-
-  long long id = 0;
-  Record record;
-  soci::indicator indicator = soci::i_ok;
-  soci::statement select =
-      is_dense
-          ? (session_->prepare << fmt::format(
-                 "SELECT id, bytes FROM {} WHERE id BETWEEN :first AND :last ORDER BY id", table),
-             soci::use(first, "first"), soci::use(last, "last"), soci::into(id),
-             soci::into(record.value, indicator))
-          : (session_->prepare << fmt::format(fmt::runtime(dialect_->sql().list_listed), table),
-             soci::use(ids_text, "ids"), soci::into(id), soci::into(record.value, indicator));
-  select.execute();
-
+  auto selection = TakeSelection(table, is_dense);
+  selection->Begin(ids);
   std::vector<Record> records;
   records.reserve(ids.size());
+  Record record;
   auto wanted = ids.begin();
-  while (select.fetch()) {
-    wanted = std::find_if(wanted, ids.end(), [id](std::uint32_t next) { return next >= id; });
-    if (wanted == ids.end() || *wanted != id) {
+  while (selection->Next()) {
+    wanted = std::find_if(wanted, ids.end(),
+                          [&](std::uint32_t next) { return next >= selection->id(); });
+    if (wanted == ids.end() || *wanted != selection->id()) {
       continue;
     }
     record.id = *wanted;
-    if (indicator == soci::i_null) {
-      record.value = "NULL";
-    }
+    record.value = selection->bytes();
     if (!record.IsValid()) {
       throw LogException(
           ERR_DB_SELECT,
@@ -194,6 +239,8 @@ std::vector<Record> QuotaDatabase::Fetch(const char* table, const Ids& ids) {
     }
     records.push_back(record);
   }
+  // Not one that failed on its way.
+  selections_[{table, is_dense}] = std::move(selection);
   return records;
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <soci/soci.h>
@@ -21,6 +23,11 @@ class QuotaDatabase {
     std::string name;
   };
 
+  QuotaDatabase();
+  QuotaDatabase(const QuotaDatabase&) = delete;
+  QuotaDatabase& operator=(const QuotaDatabase&) = delete;
+  ~QuotaDatabase();
+
   /// Stores `bytes` for all of the subjects or for none.
   void Set(const char* table, std::vector<Subject> subjects, unsigned long long bytes);
   /// Removes the values of all of the ids or of none.
@@ -31,15 +38,19 @@ class QuotaDatabase {
 
  private:
   struct Task;
+  class Selection;
 
   void Open();
   template <typename Work>
   auto Run(const Task& task, const Work& work);
+  std::unique_ptr<Selection> TakeSelection(const char* table, bool is_dense);
   template <typename Record>
   std::vector<Record> Fetch(const char* table, const std::vector<std::uint32_t>& ids);
 
   std::unique_ptr<QuotaDialect> dialect_;
   std::unique_ptr<soci::session> session_;  // null until opened, and after a failed opening
+  // Of the session's, by table and by whether the ids are dense: those that are not in use.
+  std::map<std::pair<const char*, bool>, std::unique_ptr<Selection>> selections_;
 };
 
 }  // namespace quillon::platform

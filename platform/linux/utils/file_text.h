@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -34,5 +35,13 @@ enum class Links { kFollow, kRefuse };
 /// Reads a regular file of at most `most_bytes`. Throws `FileError`.
 FileText ReadFileText(const std::string& path, std::size_t most_bytes,
                       Links links = Links::kFollow);
+
+/// What others than root may do with a file of root's.
+enum class Others { kMayRead, kMayDoNothing };
+
+/// Reads a file that root alone may change, as `ReadFileText` does; nothing when there is none.
+/// Throws `FileError`, also for a link and for a file that is not root's or lets others do more.
+std::optional<FileText> ReadRootFile(const std::string& path, std::size_t most_bytes,
+                                     Others others);
 
 }  // namespace quillon::platform

@@ -19,9 +19,14 @@ struct Configuration {
     std::string passwd_file =
         "/etc/passwd";  ///< users, in passwd format; NSS is asked for all others
     std::string group_file =
-        "/etc/group";               ///< groups, in group format; NSS is asked for all others
-    std::uint32_t min_uid = 1000;   ///< lowest uid of a mail user
-    std::uint32_t max_uid = 59999;  ///< highest uid of a mail user
+        "/etc/group";                  ///< groups, in group format; NSS is asked for all others
+    std::uint32_t min_uid = 1000;      ///< lowest uid of a mail user
+    std::uint32_t max_uid = 59999;     ///< highest uid of a mail user
+    std::uint32_t min_gid = 1000;      ///< lowest gid of a group that is listed
+    std::uint32_t max_gid = 59999;     ///< highest gid of a group that is listed
+    std::string admin_group = "sudo";  ///< the administrators; empty: there are none
+    /// Who may not use which application.
+    std::string privileges_file = "/etc/quillon/app-privileges";
   } accounts;
 
   struct Maildir {
