@@ -19,6 +19,7 @@
 #include <velamailserver/velasdk/popen.h>
 #include <velamailserver/velasdk/run_as_root.h>
 
+#include "account/name_prefix.h"
 #include "origin_log.h"
 
 namespace velamailserver::webapi {
@@ -90,15 +91,6 @@ struct Ranked {
   const NoOwnerMaildir* maildir;
 };
 
-// The first eight bytes of a name as a number of the same order.
-std::uint64_t Prefix(std::string_view name) {
-  std::uint64_t prefix = 0;
-  for (std::size_t i = 0; i < sizeof(prefix); ++i) {
-    prefix = prefix << 8U | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0U);
-  }
-  return prefix;
-}
-
 // Equal records are in the order of the scan, in which they lie in the memory.
 bool IsBeforeByUsage(const Ranked& left, const Ranked& right) {
   return left.key != right.key ? left.key < right.key : left.maildir < right.maildir;
@@ -119,7 +111,7 @@ std::vector<Ranked> Rank(const std::vector<NoOwnerMaildir>& maildirs, const std:
   ranked.reserve(maildirs.size());
   for (const NoOwnerMaildir& maildir : maildirs) {
     if (filter.Keeps(maildir)) {
-      ranked.push_back({is_by_usage ? UsageOf(maildir) : Prefix(NameOf(maildir)), &maildir});
+      ranked.push_back({is_by_usage ? UsageOf(maildir) : PrefixOf(NameOf(maildir)), &maildir});
     }
   }
   return ranked;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 namespace quillon::test {
 
@@ -18,5 +19,17 @@ class ExhaustedMemory {
   ExhaustedMemory& operator=(const ExhaustedMemory&) = delete;
   ~ExhaustedMemory();
 };
+
+/// Runs an operation that has memory only for so many allocations; answers whether it was enough.
+template <typename Operation>
+bool IsEnough(int allocations, Operation operation) {
+  try {
+    const ExhaustedMemory memory(allocations);
+    operation();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
 
 }  // namespace quillon::test

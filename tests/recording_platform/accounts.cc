@@ -4,7 +4,9 @@
 
 #include <fmt/format.h>
 
+#include <vela/app_privilege.h>
 #include <velamailserver/log_exception.h>
+#include <velamailserver/velasdk/admin_group.h>
 #include <velamailserver/velasdk/vela_group.h>
 #include <velamailserver/velasdk/vela_user.h>
 
@@ -93,4 +95,16 @@ unsigned int VelaGroup::Gid() const {
   return entry_->account.id;
 }
 
+bool IsAdminGroupMember(const std::string& user) {
+  TheWorld().Call(fmt::format("IsAdminGroupMember({})", user));
+  return TheWorld().administrators.contains(user);
+}
+
 }  // namespace velamailserver::velasdk
+
+int VLIBAppPrivUserHas(const char* user, const char* app, const char* reserved) {
+  using recording::TheWorld;
+  TheWorld().Call(fmt::format("VLIBAppPrivUserHas({}, {}, {})", user, app, reserved));
+  const auto found = TheWorld().privileges.find(user);
+  return found == TheWorld().privileges.end() ? 1 : found->second;
+}

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <velamailserver/account/effective_limit.h>
 #include <velamailserver/account/mailbox_quota.h>
 
 #include "recording_platform/decimal.h"
@@ -129,6 +130,12 @@ std::vector<GroupRecord> MailboxQuota::ListGroupQuotaLimit(const std::vector<Vel
 std::vector<GroupRecord> MailboxQuota::ListGroupQuotaWarning(const std::vector<VelaGroup>& groups) {
   Call("ListGroupQuotaWarning", groups);
   return Records<GroupRecord>(TheWorld().group_warnings);
+}
+
+unsigned long long GetResultUserQuotaLimit(const std::string& name) {
+  TheWorld().Call(fmt::format("GetResultUserQuotaLimit({})", name));
+  const auto found = TheWorld().effective_limits.find(name);
+  return found == TheWorld().effective_limits.end() ? 0 : found->second;
 }
 
 }  // namespace velamailserver::account

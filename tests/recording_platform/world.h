@@ -77,8 +77,11 @@ class World {
   StoredValues group_limits;
   StoredValues group_warnings;
   std::unordered_map<std::string, std::string> usage;
-  bool delete_usage = true;  ///< what DeleteUsage answers
-  Json::Value api_response;  ///< what every API answers that runs in this process
+  bool delete_usage = true;                                    ///< what DeleteUsage answers
+  std::map<std::string, unsigned long long> effective_limits;  ///< by name; 0 for all others
+  std::set<std::string> administrators;
+  std::map<std::string, int> privileges;  ///< what VLIBAppPrivUserHas answers, by user; else 1
+  Json::Value api_response;               ///< what every API answers that runs in this process
   std::map<std::string, Json::Value> api_responses;  ///< in its place, by API
   std::string maildir_path = "/maildir";
   std::vector<velamailserver::account::BaseMaildir> maildirs;  ///< found by uid

@@ -1,19 +1,37 @@
 #pragma once
 
+#include <optional>
+#include <string>
 #include <vector>
 
 #include <json/value.h>
 
 #include <velamailserver/account/mailbox_quota.h>
+#include <velamailserver/account/maildir.h>
 #include <velamailserver/velasdk/vela_user.h>
 #include <velamailserver/visibility.h>
 
 namespace velamailserver::webapi {
 
-/// Mailbox quota and usage of users. An object is made for one use, by one thread at a time; it
-/// keeps nothing between calls beyond what its base keeps. Failures of its own are `LogException`s;
-/// whatever the quota store, the usage store and the account database throw passes through
-/// unchanged.
+/// What is to know about one user besides the report. A plain value.
+struct MoreInfo {
+  /// Whether the user may use the mail client, "VELA.WUI.MailClient.Application".
+  bool has_app_privilege = true;
+  std::optional<account::Maildir> maildir;  ///< absent when none was found
+  /// What the platform lets the user store in the shared folder that holds the mail, in bytes;
+  /// absent when that is without a limit.
+  std::optional<unsigned long long> share_quota;
+  /// The limit in bytes that applies to the mailbox, 0 for none; always present.
+  std::optional<unsigned long long> quota_limit;
+  /// Bytes of stored mail, as the usage store has them; absent when it has no entry.
+  std::optional<unsigned long long> usage;
+  std::string name;  ///< the real name
+};
+
+/// Mailbox quota, usage and storage of users. An object is made for one use, by one thread at a
+/// time; it keeps nothing between calls beyond what its base keeps. Failures of its own are
+/// `LogException`s; whatever the quota store, the usage store and the account database throw passes
+/// through unchanged.
 class VELAMAILSERVER_EXPORT User : public account::MailboxQuota {
  public:
   User();
@@ -41,9 +59,23 @@ class VELAMAILSERVER_EXPORT User : public account::MailboxQuota {
   ///
   /// Throws `LogException` with `ERR_INTERNAL` at the first member whose stored warning level is
   /// larger than its limit; what was written up to there stays. A member that is no object, and a
-  /// "name" that is no text, throw the JSON library's `Json::LogicError` before anything is
-  /// written.
+  /// "name" that is an array or an object, throw the JSON library's `Json::LogicError` before
+  /// anything is written; numbers and booleans are read as text.
   void UpdateQuotaUsage(Json::Value& list);
+
+  /// What is to know about each of `users`, in their order; about all users that have mail service
+  /// when there are none. Nothing is caught: when one lookup fails, there is no answer about
+  /// anybody.
+  std::vector<MoreInfo> MoreInfos(const std::vector<velasdk::VelaUser>& users);
+
+  /// Removes the mail directories of `users` for good and then, in one go, their entries in the
+  /// usage store, both as root. A user without a mail directory is no failure.
+  ///
+  /// A directory that cannot be removed does not keep the others from going, and only the mail log
+  /// tells: look again whoever needs to know. A lookup that fails does so before anything is
+  /// removed. Throws `LogException` with `ERR_REDIS_DELETE_KEY`, its detail being the users' real
+  /// names, when the usage store fails: the mail is gone then, and a second call finishes the job.
+  void ClearStorage(const std::vector<velasdk::VelaUser>& users);
 };
 
 }  // namespace velamailserver::webapi

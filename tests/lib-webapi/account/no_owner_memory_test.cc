@@ -1,4 +1,3 @@
-#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,7 +13,7 @@
 namespace velamailserver::webapi {
 namespace {
 
-using quillon::test::ExhaustedMemory;
+using quillon::test::IsEnough;
 using quillon::test::LiveBytes;
 using quillon::test::TakePeakBytes;
 using recording::OwnerlessMaildir;
@@ -35,18 +34,6 @@ class NoOwnerMemoryTest : public recording::WorldTest {
 
   static std::size_t Count(NoOwner& no_owner) {
     return no_owner.List(std::vector<unsigned int>{}).size();
-  }
-
-  // Runs an operation that has memory only for so many allocations; answers whether it was enough.
-  template <typename Operation>
-  static bool IsEnough(int allocations, Operation operation) {
-    try {
-      const ExhaustedMemory memory(allocations);
-      operation();
-    } catch (const std::bad_alloc&) {
-      return false;
-    }
-    return true;
   }
 };
 

@@ -2,13 +2,10 @@
 #include <climits>
 #include <functional>
 #include <limits>
-#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <type_traits>
-#include <typeinfo>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -18,6 +15,7 @@
 #include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
 
+#include "lib-webapi/pass_through.h"
 #include "recording_platform/world_test.h"
 #include "support/typed_json.h"
 
@@ -25,8 +23,16 @@ namespace velamailserver::webapi {
 namespace {
 
 using account::NoOwnerMaildir;
+using quillon::test::Concatenated;
+using quillon::test::ExpectPassedThrough;
+using quillon::test::FailedRun;
+using quillon::test::Lines;
+using quillon::test::LinesOf;
+using quillon::test::Step;
+using quillon::test::Thrown;
+using quillon::test::ThrownBy;
 using quillon::test::Typed;
-using recording::Failure;
+using quillon::test::WayToFail;
 using recording::LogRecord;
 using recording::OwnerlessMaildir;
 using recording::Pause;
@@ -36,7 +42,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 
-using Lines = std::vector<std::string>;
 using Uids = std::vector<unsigned int>;
 
 constexpr unsigned long long kLargestUsage = std::numeric_limits<unsigned long long>::max();
@@ -65,69 +70,6 @@ struct NoOwnersData {
   std::vector<NoOwnerMaildir> maildirs;
 };
 static_assert(sizeof(NoOwner) == sizeof(NoOwnersData), "no base and no data but these");
-
-// What an operation threw, down to every detail.
-std::string Thrown(const std::function<void()>& operation) {
-  try {
-    operation();
-  } catch (const LogException& exception) {
-    return "LogException " + std::to_string(exception.code()) + " " + exception.file() + ":" +
-           std::to_string(exception.line()) + " " + exception.what();
-  } catch (const std::exception& exception) {
-    return std::string(typeid(exception).name()) + " " + exception.what();
-  } catch (int number) {
-    return "int " + std::to_string(number);
-  }
-  return "nothing";
-}
-
-std::string ThrownBy(const Failure& failure) {
-  const Pause pause;
-  return Thrown(failure);
-}
-
-// A way in which the platform fails.
-struct WayToFail {
-  Failure failure;
-  Lines log;              // the lines that it leaves in the log
-  bool is_runtime_error;  // what costs no more than the refresh
-};
-
-std::vector<WayToFail> WaysToFail() {
-  return {
-      {Throw<LogException>(ERR_DB_SELECT, "broken", 4L, "platform", 9),
-       {R"(maillog(4, "platform:9 (4009) failed to execute select query: broken"))"},
-       true},
-      {Throw<velasdk::FileLockHeld>("held"), {}, true},
-      {Throw<std::runtime_error>("broken"), {}, true},
-      {Throw<std::system_error>(std::make_error_code(std::errc::io_error), "broken"), {}, true},
-      {Throw<std::logic_error>("broken"), {}, false},
-      {Throw<Json::LogicError>("broken"), {}, false},
-      {Throw<std::exception>(), {}, false},
-      {Throw<std::bad_alloc>(), {}, false},
-      {Throw<int>(7), {}, false},
-  };
-}
-
-// A line of the transcript of an operation that succeeds, and what is released if it fails there.
-struct Step {
-  std::string line;
-  Lines released_on_failure = {};
-  bool can_fail = true;
-};
-
-Lines LinesOf(const std::vector<Step>& steps) {
-  Lines lines;
-  for (const Step& step : steps) {
-    lines.push_back(step.line);
-  }
-  return lines;
-}
-
-std::vector<Step> Concatenated(std::vector<Step> steps, const std::vector<Step>& more) {
-  steps.insert(steps.end(), more.begin(), more.end());
-  return steps;
-}
 
 std::vector<Step> StepsOfScan(const Lines& paths) {
   std::vector<Step> steps = {
@@ -221,41 +163,17 @@ class NoOwnerTest : public recording::WorldTest {
         std::count(world_.transcript.begin(), world_.transcript.end(), std::string(kFork)));
   }
 
-  // The calls among `steps` fail in turn, in every way, the first `skipped` of them excepted.
-  // `check` is called after each failure with the object, the way, the transcript that is due if
-  // the exception passes through, and what was thrown.
+  // The same for objects that have scanned in the world as it is now.
   template <typename Operation, typename Check>
-  void FailInTurn(const std::vector<Step>& steps, int skipped, Operation operation, Check check) {
-    const recording::World script = world_;
-    Lines until;
-    int number = 0;
-    for (const Step& step : steps) {
-      until.push_back(step.line);
-      if (!step.can_fail || ++number <= skipped) {
-        continue;
-      }
-      for (const WayToFail& way : WaysToFail()) {
-        SCOPED_TRACE(std::to_string(number) + ": " + step.line + ": " + ThrownBy(way.failure));
-        world_ = script;
-        NoOwner no_owner = Scanned();
-        world_.FailCall(number, way.failure);
-        const std::string thrown = Thrown([&] { operation(no_owner); });
-        Lines due = until;
-        due.insert(due.end(), way.log.begin(), way.log.end());
-        due.insert(due.end(), step.released_on_failure.begin(), step.released_on_failure.end());
-        check(no_owner, way, due, thrown);
-      }
-    }
-    EXPECT_GT(number, skipped);
+  static void FailInTurn(const std::vector<Step>& steps, int skipped, Operation operation,
+                         Check check) {
+    quillon::test::FailInTurn(steps, skipped, Scanned, operation, check);
   }
 
   template <typename Operation>
-  void ExpectPassesThrough(const std::vector<Step>& steps, Operation operation) {
+  static void ExpectPassesThrough(const std::vector<Step>& steps, Operation operation) {
     FailInTurn(steps, 0, operation,
-               [this](NoOwner&, const WayToFail& way, const Lines& due, const std::string& thrown) {
-                 EXPECT_EQ(thrown, ThrownBy(way.failure));
-                 EXPECT_THAT(world_.transcript, ElementsAreArray(due));
-               });
+               [](NoOwner&, const FailedRun& run) { ExpectPassedThrough(run); });
   }
 };
 
@@ -403,9 +321,8 @@ TEST_F(FindNoOwnerTest, EveryFailureOfThePlatformPassesThrough) {
   AddAnnaAndBert();
   FailInTurn(
       StepsOfScan({kAnna, kBert}), 0, [](NoOwner& no_owner) { no_owner.FindNoOwner(); },
-      [this](NoOwner& no_owner, const WayToFail& way, const Lines& due, const std::string& thrown) {
-        EXPECT_EQ(thrown, ThrownBy(way.failure));
-        EXPECT_THAT(world_.transcript, ElementsAreArray(due));
+      [](NoOwner& no_owner, const FailedRun& run) {
+        ExpectPassedThrough(run);
         Lines kept = Paths(no_owner);
         ASSERT_GE(kept.size(), 2U);
         kept.resize(2);
@@ -570,19 +487,20 @@ class ChildTest : public NoOwnerTest {
   // Every failure after the fork. What is a std::runtime_error costs no more than the refresh.
   template <typename Operation>
   void ExpectOnlyRuntimeErrorsStay(Operation operation) {
-    FailInTurn(
-        StepsOfRefreshInChild({kAnna, kBert}), 1, operation,
-        [this](NoOwner& no_owner, const WayToFail& way, Lines due, const std::string& thrown) {
-          if (way.is_runtime_error) {
-            due.emplace_back(kSkipCall);
-            ASSERT_FALSE(world_.log.empty());
-            EXPECT_EQ(world_.log.back(), (LogRecord{1, kSkip, kSkip}));
-          }
-          EXPECT_EQ(thrown, way.is_runtime_error ? "nothing" : ThrownBy(way.failure));
-          EXPECT_EQ(world_.log.size(), way.log.size() + (way.is_runtime_error ? 1 : 0));
-          EXPECT_THAT(world_.transcript, ElementsAreArray(due));
-          EXPECT_THAT(Paths(no_owner), ElementsAre(kAnna, kBert));
-        });
+    FailInTurn(StepsOfRefreshInChild({kAnna, kBert}), 1, operation,
+               [this](NoOwner& no_owner, const FailedRun& run) {
+                 const WayToFail& way = run.way;
+                 Lines due = run.due;
+                 if (way.is_runtime_error) {  // which costs no more than the refresh
+                   due.emplace_back(kSkipCall);
+                   ASSERT_FALSE(world_.log.empty());
+                   EXPECT_EQ(world_.log.back(), (LogRecord{1, kSkip, kSkip}));
+                 }
+                 EXPECT_EQ(run.thrown, way.is_runtime_error ? "nothing" : ThrownBy(way));
+                 EXPECT_EQ(world_.log.size(), way.log.size() + (way.is_runtime_error ? 1 : 0));
+                 EXPECT_THAT(world_.transcript, ElementsAreArray(due));
+                 EXPECT_THAT(Paths(no_owner), ElementsAre(kAnna, kBert));
+               });
   }
 };
 
@@ -630,8 +548,8 @@ TEST_F(ChildTest, ThePageTriesAgainWhatAnExceptionLeft) {
   FailInTurn(
       StepsOfRefreshInChild({kAnna, kBert}), 1,
       [](NoOwner& no_owner) { no_owner.List(0, -1, "", "name", "ASC"); },
-      [this](NoOwner& no_owner, const WayToFail& way, const Lines&, const std::string&) {
-        EXPECT_EQ(RefreshesOfAPage(no_owner), way.is_runtime_error ? 0 : 1);
+      [this](NoOwner& no_owner, const FailedRun& run) {
+        EXPECT_EQ(RefreshesOfAPage(no_owner), run.way.is_runtime_error ? 0 : 1);
       });
 }
 

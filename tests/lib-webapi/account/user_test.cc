@@ -12,6 +12,8 @@
 #include <velamailserver/account/user.h>
 #include <velamailserver/log_exception.h>
 
+#include "lib-webapi/account/user_world_test.h"
+#include "lib-webapi/pass_through.h"
 #include "recording_platform/world_test.h"
 #include "support/parse_json.h"
 #include "support/typed_json.h"
@@ -19,6 +21,8 @@
 namespace velamailserver::webapi {
 namespace {
 
+using quillon::test::ExpectPassesThrough;
+using quillon::test::Lines;
 using quillon::test::Parse;
 using quillon::test::Typed;
 using recording::LogRecord;
@@ -26,9 +30,6 @@ using recording::Throw;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
-using velasdk::VelaUser;
-
-using Lines = std::vector<std::string>;
 
 constexpr unsigned long long kLargest = std::numeric_limits<unsigned long long>::max();
 constexpr char kExceptionFormat[] = "%s:%d (%d) %s: %s";
@@ -37,16 +38,11 @@ constexpr char kSkipFormat[] = "lib-webapi/account/user:88 skip updating [%s]'s 
 static_assert(std::is_base_of_v<account::MailboxQuota, User>);
 static_assert(sizeof(User) == sizeof(account::MailboxQuota), "no data of its own");
 
-class UserTest : public recording::WorldTest {
+class UserTest : public UserWorldTest {
  protected:
   UserTest() {
     world_.AddUser("bob", 1001, "Bob");
     world_.AddUser("alice", 1002);
-  }
-
-  static std::vector<VelaUser> Users(const std::vector<std::string>& names) {
-    const recording::Pause pause;
-    return {names.begin(), names.end()};
   }
 
   // The document after the report, and that nothing kept the report from its end.
@@ -62,48 +58,6 @@ class UserTest : public recording::WorldTest {
     Json::Value document = Parse(list);
     EXPECT_THROW(user_.UpdateQuotaUsage(document), Exception);
     return Typed(document);
-  }
-
-  // The given calls fail in turn, each with every kind of exception: it arrives as it was thrown,
-  // and nothing is called after it.
-  template <typename Operation>
-  void ExpectPassesThrough(Operation operation, const Lines& calls) {
-    const recording::World script = world_;
-    for (int number = 1; number <= static_cast<int>(calls.size()); ++number) {
-      SCOPED_TRACE(calls[static_cast<std::size_t>(number) - 1]);
-      Lines until(calls.begin(), calls.begin() + number);
-      const auto restart = [&](const recording::Failure& failure) {
-        world_ = script;
-        world_.FailCall(number, failure);
-      };
-      restart(Throw<std::runtime_error>("broken"));
-      EXPECT_THROW(operation(), std::runtime_error);
-      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
-      restart(Throw<std::out_of_range>("broken"));
-      EXPECT_THROW(operation(), std::out_of_range);
-      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
-
-      restart(Throw<LogException>(ERR_DB_REPLACE, "full", 3L, "store", 5));
-      try {
-        operation();
-        ADD_FAILURE() << "no exception";
-      } catch (const LogException& exception) {
-        EXPECT_EQ(exception.code(), ERR_DB_REPLACE);
-        EXPECT_STREQ(exception.what(), "full");
-        EXPECT_EQ(exception.file(), "store");
-        EXPECT_EQ(exception.line(), 5);
-      }
-      until.emplace_back("maillog(3, \"store:5 (4003) failed to execute replace query: full\")");
-      EXPECT_THAT(world_.transcript, ElementsAreArray(until));
-    }
-  }
-
-  User user_ = MakeUser();
-
- private:
-  static User MakeUser() {
-    const recording::Pause pause;
-    return User();
   }
 };
 
@@ -169,6 +123,7 @@ TEST_F(SetQuotaTest, RefusesAWarningAboveTheLimitBeforeAnythingIsWritten) {
       {1024, 2048, "1024", "2048"},
       {0, 1, "0", "1"},
       {0, kLargest, "0", "18446744073709551615"},
+      {9223372036854775808ULL, kLargest, "9223372036854775808", "18446744073709551615"},
       {9223372036854775807ULL, 9223372036854775808ULL, "9223372036854775807",
        "9223372036854775808"},
   };
@@ -191,8 +146,8 @@ TEST_F(SetQuotaTest, RefusesAWarningAboveTheLimitBeforeAnythingIsWritten) {
 
 // Every kind of exception passes through from either store call, and nothing is called after it.
 TEST_F(SetQuotaTest, AFailingStorePassesThrough) {
-  ExpectPassesThrough([&] { user_.SetQuota(Users({"bob"}), 2, 1); },
-                      {"SetUserQuotaLimit([bob], 2)", "SetUserQuotaWarning([bob], 1)"});
+  ExpectPassesThrough({{"SetUserQuotaLimit([bob], 2)"}, {"SetUserQuotaWarning([bob], 1)"}},
+                      [&] { user_.SetQuota(Users({"bob"}), 2, 1); });
 }
 
 // ClearQuota
@@ -212,8 +167,8 @@ TEST_F(ClearQuotaTest, AsksForNobodyToo) {
 }
 
 TEST_F(ClearQuotaTest, AFailingStorePassesThrough) {
-  ExpectPassesThrough([&] { user_.ClearQuota(Users({"bob"})); },
-                      {"ClearUserQuotaLimit([bob])", "ClearUserQuotaWarning([bob])"});
+  ExpectPassesThrough({{"ClearUserQuotaLimit([bob])"}, {"ClearUserQuotaWarning([bob])"}},
+                      [&] { user_.ClearQuota(Users({"bob"})); });
 }
 
 // UpdateQuotaUsage: what it writes
