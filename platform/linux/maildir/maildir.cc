@@ -56,8 +56,6 @@ FileDescriptor OpenFolder(const FileDescriptor& parent, const std::string& name)
       ::openat(parent.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-// A missing root is an error: with a disk that is not mounted, or a slip in the configuration, all
-// users would seem to have no mail.
 FileDescriptor OpenRoot(const std::string& root) {
   FileDescriptor folder(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!folder.IsOpen()) {
@@ -182,6 +180,8 @@ std::string MaildirRoot() {
   }
   return canonical;
 }
+
+FileDescriptor OpenMaildirRoot() { return OpenRoot(MaildirRoot()); }
 
 std::string MaildirPath(const std::string& account) {
   if (!IsFolderName(account)) {

@@ -12,6 +12,12 @@ namespace quillon::platform {
 /// missing.
 std::string MaildirRoot();
 
+/// Opens the maildir root for looking things up in it (O_PATH). Throws `LogException` with
+/// `ERR_LSTAT_FILE`, naming the path and the key, when that cannot be done: a missing root is an
+/// error, because with a disk that is not mounted, or a slip in the configuration, all users would
+/// seem to have no mail.
+FileDescriptor OpenMaildirRoot();
+
 /// Absolute path of an account's mail directory; empty when the account's name cannot be that of a
 /// folder.
 std::string MaildirPath(const std::string& account);

@@ -25,6 +25,7 @@ APIs HostAPIs() {
     return std::make_shared<const APIRunner::Handler>(function);
   };
   APIs apis;
+  apis["VELA.Core.Quota"][1]["get"] = handler(quillon::platform::GetShareQuota);
   apis["VELA.Core.System.Utilization"][1]["get"] = handler(quillon::platform::GetUtilization);
   apis["VELA.Core.Web.TARN"][1]["get"] = handler(quillon::platform::GetWebPorts);
   return apis;

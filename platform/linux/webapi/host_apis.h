@@ -25,4 +25,21 @@ Json::Value GetUtilization(const Json::Value& params);
 /// that is off.
 Json::Value GetWebPorts(const Json::Value& params);
 
+/// "VELA.Core.Quota" version 1 "get": {"name", "support_share_quota", "subject_type"} → what the
+/// kernel lets a user or a group use of the file system that the maildir root lies on, which is the
+/// share "Quillon". "subject_type" is "user", the default, or "group"; it decides whether "name" is
+/// that of a user or of a group, and whether the answer is {"user_quota": […]} or
+/// {"group_quota": […]}. There is one entry,
+///   {"support_share_quota": true, "shares": [{"name": "Quillon", "quota", "group_limit"}]}
+/// and none when the file system keeps no quotas, or "support_share_quota" is not true in the
+/// parameters. "quota" is the subject's own limit, "group_limit", for users only, the largest that
+/// any group of the user's has: in megabytes of 1048576 bytes, rounded up, and 0 for no limit. A
+/// limit is the hard one, or the soft one where there is no hard one. It is read at every call.
+///
+/// Throws `LogException`: with `ERR_SDK_USER_GET` or `ERR_SDK_GROUP_GET` for a name that nobody
+/// has, with `ERR_SDK_GROUP_LIST_MEMBER` when the account database cannot tell a user's groups,
+/// with `ERR_LSTAT_FILE` when the maildir root is missing, with `ERR_INTERNAL` when the kernel does
+/// not tell, and what `RunAsRoot` throws.
+Json::Value GetShareQuota(const Json::Value& params);
+
 }  // namespace quillon::platform
