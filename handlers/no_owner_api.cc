@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -21,6 +20,7 @@
 #include <velamailserver/velasdk/run_as_root.h>
 
 #include "parameters.h"
+#include "removal.h"
 
 namespace quillon::handlers {
 
@@ -140,27 +140,6 @@ std::vector<std::uint32_t> ReadUids(const Parameters& parameters) {
   return uids;
 }
 
-// A directory's entry in an answer, nothing when it is gone; without figures when it cannot be
-// read, which the mail log explains.
-std::optional<Json::Value> Measure(const NoOwnerMaildir& maildir) {
-  Json::Value entry;
-  entry["uid"] = Json::UInt{maildir.uid};
-  entry["name"] = maildir.name.value_or("");
-  entry["path"] = maildir.path;
-  Json::Value& usage = entry["usage"] = Json::Value();
-  Json::Value& messages = entry["messages"] = Json::Value();
-  try {
-    const auto contents = platform::MeasureMaildir(maildir.path);
-    if (!contents) {
-      return std::nullopt;
-    }
-    usage = Json::UInt64{contents->bytes};
-    messages = Json::UInt64{contents->messages};
-  } catch (const LogException&) {
-  }
-  return entry;
-}
-
 // Each once, which the scan does not promise, in the order of their paths.
 std::vector<NoOwnerMaildir> Find(const std::vector<std::uint32_t>& uids, NoOwner& no_owner) {
   std::vector<NoOwnerMaildir> maildirs = no_owner.List(uids);
@@ -173,17 +152,15 @@ std::vector<NoOwnerMaildir> Find(const std::vector<std::uint32_t>& uids, NoOwner
   return maildirs;
 }
 
-// The entries of those that are there.
-Json::Value MeasureAll(const std::vector<NoOwnerMaildir>& maildirs) {
-  Json::Value entries(Json::arrayValue);
-  RunAsRoot("measure no owner", [&] {
-    for (const NoOwnerMaildir& maildir : maildirs) {
-      if (auto entry = Measure(maildir)) {
-        entries.append(std::move(*entry));
-      }
-    }
-  });
-  return entries;
+std::vector<DoomedMaildir> Doom(const std::vector<NoOwnerMaildir>& maildirs) {
+  std::vector<DoomedMaildir> doomed;
+  doomed.reserve(maildirs.size());
+  for (const NoOwnerMaildir& maildir : maildirs) {
+    DoomedMaildir& entry = doomed.emplace_back(DoomedMaildir{maildir.path, Json::Value()});
+    entry.entry["uid"] = Json::UInt{maildir.uid};
+    entry.entry["name"] = maildir.name.value_or("");
+  }
+  return doomed;
 }
 
 // The uids, each once, that none of the entries has.
@@ -201,21 +178,6 @@ Json::Value Unknown(const std::vector<std::uint32_t>& uids, const Json::Value& e
   return unknown;
 }
 
-// The entries of `before` whose paths none of `after` has.
-Json::Value Gone(const Json::Value& before, const Json::Value& after) {
-  std::set<std::string> paths;
-  for (const Json::Value& entry : after) {
-    paths.insert(entry["path"].asString());
-  }
-  Json::Value gone(Json::arrayValue);
-  for (const Json::Value& entry : before) {
-    if (!paths.contains(entry["path"].asString())) {
-      gone.append(entry);
-    }
-  }
-  return gone;
-}
-
 Json::Value Remove(const Json::Value& params) {
   const Parameters parameters(params, {"uids", "dry_run"});
   const std::vector<std::uint32_t> uids = ReadUids(parameters);
@@ -223,8 +185,8 @@ Json::Value Remove(const Json::Value& params) {
   RequireUsableScan();
 
   NoOwner no_owner;
-  const std::vector<NoOwnerMaildir> maildirs = Find(uids, no_owner);
-  Json::Value before = MeasureAll(maildirs);
+  const std::vector<DoomedMaildir> maildirs = Doom(Find(uids, no_owner));
+  Json::Value before = MeasureMaildirs(maildirs);
   Json::Value answer;
   answer["unknown"] = Unknown(uids, before);
   if (is_dry_run) {
@@ -232,9 +194,7 @@ Json::Value Remove(const Json::Value& params) {
     return answer;
   }
   no_owner.RemoveStorage(uids);
-  Json::Value left = MeasureAll(maildirs);
-  answer["removed"] = Gone(before, left);
-  answer["left"] = std::move(left);
+  AddOutcome(maildirs, before, answer);
   return answer;
 }
 

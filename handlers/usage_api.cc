@@ -11,7 +11,7 @@
 #include <velamailserver/velasdk/vela_user.h>
 
 #include "parameters.h"
-#include "resolve_users.h"
+#include "resolve_accounts.h"
 
 namespace quillon::handlers {
 

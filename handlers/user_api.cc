@@ -1,7 +1,7 @@
 #include "user_api.h"
 
+#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <json/value.h>
@@ -9,9 +9,12 @@
 #include <vela/api_runner.h>
 #include <velamailserver/account/user.h>
 #include <velamailserver/conf/smtp_ext.h>
+#include <velamailserver/velasdk/run_as_root.h>
 
+#include "clear_storage.h"
 #include "parameters.h"
-#include "resolve_users.h"
+#include "quota_report.h"
+#include "resolve_accounts.h"
 #include "user_report.h"
 
 namespace quillon::handlers {
@@ -19,7 +22,9 @@ namespace quillon::handlers {
 namespace {
 
 using velamailserver::conf::SmtpExt;
+using velamailserver::velasdk::RunAsRoot;
 using velamailserver::velasdk::VelaUser;
+using velamailserver::webapi::MoreInfo;
 using velamailserver::webapi::User;
 
 constexpr char kAPI[] = "Quillon.MailServer.User";
@@ -41,17 +46,7 @@ UserReportOptions ReadReportOptions(const Parameters& parameters) {
   if (parameters.Has("sort")) {
     options.sort = ReadSort(parameters);
   }
-  if (parameters.Has("direction")) {
-    options.is_descending = parameters.Choice("direction", {"ASC", "DESC"}) == "DESC";
-  }
-  if (parameters.Has("offset")) {
-    options.offset = parameters.Unsigned("offset");
-  }
-  if (parameters.Has("limit")) {
-    if (const long long limit = parameters.Signed("limit"); limit >= 0) {
-      options.limit = static_cast<unsigned long long>(limit);
-    }
-  }
+  options.page = ReadReportPage(parameters);
   if (parameters.Has("above")) {
     options.above = parameters.Number("above");
   }
@@ -68,19 +63,9 @@ Json::Value List(const Json::Value& params) {
   return ReportUsers(ReadSelection(parameters), options);
 }
 
-// The users to change: at least one, and nobody unknown among them.
-std::vector<VelaUser> ReadUsers(const Parameters& parameters) {
-  const std::vector<std::string> names = parameters.Texts("names");
-  if (names.empty()) {
-    throw VELA::APIError(VELA::APIRunner::kBadParameters,
-                         "parameter [names] must hold at least one name");
-  }
-  return ResolveUsers(names);
-}
-
 Json::Value ChangedUsers(const std::vector<VelaUser>& users) {
   Json::Value answer;
-  answer["users"] = RealNames(users);
+  answer["users"] = NamesOf(users);
   return answer;
 }
 
@@ -101,7 +86,38 @@ Json::Value ClearQuota(const Json::Value& params) {
 
 Json::Value Names(const Json::Value& params) {
   Json::Value answer;
-  answer["names"] = RealNames(ReadSelection(Parameters(params, {"names"})));
+  answer["names"] = NamesOf(ReadSelection(Parameters(params, {"names"})));
+  return answer;
+}
+
+Json::Value DetailsOf(const MoreInfo& info) {
+  const auto bytes = [](const std::optional<unsigned long long>& figure) {
+    return figure ? Json::Value(Json::UInt64{*figure}) : Json::Value();
+  };
+  Json::Value user;
+  user["name"] = info.name;
+  user["has_app_privilege"] = info.has_app_privilege;
+  user["maildir"] = info.maildir ? Json::Value(info.maildir->path) : Json::Value();
+  user["share_quota"] = bytes(info.share_quota);
+  user["quota_limit"] = bytes(info.quota_limit);
+  user["usage"] = bytes(info.usage);
+  return user;
+}
+
+Json::Value Details(const Json::Value& params) {
+  const Parameters parameters(params, {"names"});
+  // No users are all of them to the library.
+  const std::vector<VelaUser> users =
+      parameters.Has("names") ? ReadUsers(parameters) : std::vector<VelaUser>();
+
+  Json::Value answer;
+  Json::Value& details = answer["users"] = Json::Value(Json::arrayValue);
+  // Only root may look into everybody's mail directory.
+  RunAsRoot("read user details", [&] {
+    for (const MoreInfo& info : User().MoreInfos(users)) {
+      details.append(DetailsOf(info));
+    }
+  });
   return answer;
 }
 
@@ -112,6 +128,8 @@ void RegisterUserAPI() {
   VELA::APIRunner::Register(kAPI, kVersion, "set_quota", SetQuota);
   VELA::APIRunner::Register(kAPI, kVersion, "clear_quota", ClearQuota);
   VELA::APIRunner::Register(kAPI, kVersion, "names", Names);
+  VELA::APIRunner::Register(kAPI, kVersion, "details", Details);
+  VELA::APIRunner::Register(kAPI, kVersion, "clear_storage", ClearStorage);
 }
 
 }  // namespace quillon::handlers

@@ -7,15 +7,15 @@
 
 #include <velamailserver/velasdk/vela_user.h>
 
+#include "quota_report.h"
+
 namespace quillon::handlers {
 
 struct UserReportOptions {
   enum class Sort { kName, kLimit, kWarning, kUsage, kPercent };
 
   Sort sort = Sort::kName;  ///< ties are ordered by name; a figure that is not set sorts lowest
-  bool is_descending = false;
-  unsigned long long offset = 0;            ///< users before the page
-  std::optional<unsigned long long> limit;  ///< most users on the page
+  ReportPage page;
   std::optional<double> above;  ///< only users who use at least this percentage of their limit
 };
 

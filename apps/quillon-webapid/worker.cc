@@ -31,10 +31,16 @@ struct Method {
   std::string_view api;
   std::string_view method;
 };
-constexpr std::array kForMonitors = {
-    Method{"VELA.Core.System.Utilization", "get"}, Method{"VELA.Core.Web.TARN", "get"},
-    Method{"Quillon.MailServer.User", "list"},     Method{"Quillon.MailServer.User", "names"},
-    Method{"Quillon.MailServer.NoOwner", "list"},  Method{"Quillon.MailServer.NoOwner", "status"}};
+constexpr std::array kForMonitors = {Method{"VELA.Core.System.Utilization", "get"},
+                                     Method{"VELA.Core.Web.TARN", "get"},
+                                     Method{"Quillon.MailServer.User", "list"},
+                                     Method{"Quillon.MailServer.User", "names"},
+                                     Method{"Quillon.MailServer.User", "details"},
+                                     Method{"Quillon.MailServer.Group", "list"},
+                                     Method{"Quillon.MailServer.Group", "share_quota"},
+                                     Method{"Quillon.MailServer.Privilege", "list"},
+                                     Method{"Quillon.MailServer.NoOwner", "list"},
+                                     Method{"Quillon.MailServer.NoOwner", "status"}};
 
 struct Outcome {
   int status;

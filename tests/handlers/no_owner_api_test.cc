@@ -5,19 +5,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/value.h>
-#include <json/writer.h>
 
-#include <quillon/handlers/register.h>
 #include <quillon/platform/usage_count.h>
 #include <vela/api_runner.h>
 #include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
 
+#include "handlers/api_test.h"
 #include "support/as_nobody.h"
 #include "support/descendants.h"
 #include "support/immutable.h"
 #include "support/typed_json.h"
-#include "system/world.h"
 
 namespace quillon::handlers {
 namespace {
@@ -31,17 +29,15 @@ using testing::IsEmpty;
 using testing::Not;
 using velamailserver::velasdk::FileLockGuard;
 
-constexpr char kAPI[] = "Quillon.MailServer.NoOwner";
 // No accounts of this host or of the tests' world.
 constexpr unsigned int kDora = 3000001;
 constexpr unsigned int kEmil = 3000002;
 constexpr unsigned int kNobodyElse = 3000009;
 
-class NoOwnerAPITest : public testing::Test {
+class NoOwnerAPITest : public APITest {
  protected:
   // alice's, dora's with 1,200 bytes in three messages, and emil's with one of 30 bytes.
-  NoOwnerAPITest() {
-    RegisterAll();
+  NoOwnerAPITest() : APITest("Quillon.MailServer.NoOwner") {
     Deliver("alice", 1001, {500});
     Deliver("dora", kDora, {1000, 199, 1});
     Deliver("emil", kEmil, {30});
@@ -55,19 +51,7 @@ class NoOwnerAPITest : public testing::Test {
     world_.Give(account, uid);
   }
 
-  static Json::Value Exec(const char* method, const Json::Value& params) {
-    Json::Value response;
-    VELA::APIRunner::Exec(response, kAPI, 1, method, params, "admin");
-    return response;
-  }
-
-  static Json::Value Data(const char* method, const Json::Value& params = Json::Value()) {
-    const Json::Value response = Exec(method, params);
-    EXPECT_TRUE(response["success"].asBool()) << response;
-    return response["data"];
-  }
-
-  static Json::Value Remove(const std::vector<unsigned int>& uids, bool is_dry_run = false) {
+  Json::Value Remove(const std::vector<unsigned int>& uids, bool is_dry_run = false) const {
     Json::Value params;
     for (const unsigned int uid : uids) {
       params["uids"].append(uid);
@@ -86,7 +70,7 @@ class NoOwnerAPITest : public testing::Test {
     return names;
   }
 
-  static std::vector<std::string> Listed(const Json::Value& params = Json::Value()) {
+  std::vector<std::string> Listed(const Json::Value& params = Json::Value()) const {
     return Names(Data("list", params)["no_owner_list"]);
   }
 
@@ -103,7 +87,7 @@ class NoOwnerAPITest : public testing::Test {
   }
 
   // Nothing that scans the disk is done.
-  static void ExpectNoScan(velamailserver::ErrorCode code, const std::string& message) {
+  void ExpectNoScan(velamailserver::ErrorCode code, const std::string& message) const {
     Json::Value uids;
     uids["uids"].append(kDora);
     for (const char* method : {"list", "refresh", "remove"}) {
@@ -118,7 +102,6 @@ class NoOwnerAPITest : public testing::Test {
     return std::filesystem::exists(world_.Maildir(account));
   }
 
-  test::World world_;
   test::Descendants background_;
 };
 

@@ -39,6 +39,8 @@ TEST_P(ParametersTest, AreRefused) {
 }
 
 constexpr char kUser[] = "Quillon.MailServer.User";
+constexpr char kGroup[] = "Quillon.MailServer.Group";
+constexpr char kPrivilege[] = "Quillon.MailServer.Privilege";
 constexpr char kUsage[] = "Quillon.MailServer.Usage";
 constexpr char kNoOwner[] = "Quillon.MailServer.NoOwner";
 constexpr char kIds[] = "parameter [uids] must be an array of whole numbers from 0 to 4294967295";
@@ -139,6 +141,84 @@ INSTANTIATE_TEST_SUITE_P(
                 "parameter [dry_run] must be true or false"},
         BadCall{kNoOwner, "remove", R"({"uids": [1], "dryrun": true})",
                 "unknown parameter [dryrun]"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Users, ParametersTest,
+    testing::Values(BadCall{kUser, "details", R"({"names": []})",
+                            "parameter [names] must hold at least one name"},
+                    BadCall{kUser, "details", R"({"names": null})",
+                            "parameter [names] must be an array of strings"},
+                    BadCall{kUser, "details", R"({"names": [["a"]]})",
+                            "parameter [names] must be an array of strings"},
+                    BadCall{kUser, "details", R"({"name": "a"})", "unknown parameter [name]"},
+                    BadCall{kUser, "details", "[]", "the parameters must be an object"},
+                    BadCall{kUser, "clear_storage", "{}", "parameter [names] is missing"},
+                    BadCall{kUser, "clear_storage", "null", "parameter [names] is missing"},
+                    BadCall{kUser, "clear_storage", R"({"names": []})",
+                            "parameter [names] must hold at least one name"},
+                    BadCall{kUser, "clear_storage", R"({"names": "a"})",
+                            "parameter [names] must be an array of strings"},
+                    BadCall{kUser, "clear_storage", R"({"names": ["a\u0000b"]})",
+                            "parameter [names] must be without NUL characters"},
+                    BadCall{kUser, "clear_storage", R"({"names": ["a"], "dry_run": "yes"})",
+                            "parameter [dry_run] must be true or false"},
+                    BadCall{kUser, "clear_storage", R"({"names": ["a"], "dry_run": null})",
+                            "parameter [dry_run] must be true or false"},
+                    BadCall{kUser, "clear_storage", R"({"names": ["a"], "dryrun": true})",
+                            "unknown parameter [dryrun]"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Groups, ParametersTest,
+    testing::Values(
+        BadCall{kGroup, "list", R"({"names": "a"})",
+                "parameter [names] must be an array of strings"},
+        BadCall{kGroup, "list", R"({"sort": "usage"})",
+                "parameter [sort] must be one of name, limit, warning"},
+        BadCall{kGroup, "list", R"({"direction": "down"})",
+                "parameter [direction] must be one of ASC, DESC"},
+        BadCall{kGroup, "list", R"({"offset": -1})",
+                "parameter [offset] must be a whole number from 0 to 18446744073709551615"},
+        BadCall{kGroup, "list", R"({"limit": 1.5})",
+                "parameter [limit] must be a whole number from -9223372036854775808 to "
+                "9223372036854775807"},
+        BadCall{kGroup, "list", R"({"above": 5})", "unknown parameter [above]"},
+        BadCall{kGroup, "set_quota", R"({"names": ["a"], "warning": 1})",
+                "parameter [limit] is missing"},
+        BadCall{kGroup, "set_quota", R"({"names": ["a"], "limit": 1})",
+                "parameter [warning] is missing"},
+        BadCall{kGroup, "set_quota", R"({"limit": 1, "warning": 1})",
+                "parameter [names] is missing"},
+        BadCall{kGroup, "set_quota", R"({"names": [], "limit": 1, "warning": 1})",
+                "parameter [names] must hold at least one name"},
+        BadCall{kGroup, "set_quota", R"({"names": ["a"], "limit": "1K", "warning": 1})", kUnsigned},
+        BadCall{kGroup, "clear_quota", "{}", "parameter [names] is missing"},
+        BadCall{kGroup, "clear_quota", R"({"names": []})",
+                "parameter [names] must hold at least one name"},
+        BadCall{kGroup, "clear_quota", R"({"names": ["a"], "limit": 1})",
+                "unknown parameter [limit]"},
+        BadCall{kGroup, "share_quota", "{}", "parameter [name] is missing"},
+        BadCall{kGroup, "share_quota", R"({"name": ["a"]})", "parameter [name] must be a string"},
+        BadCall{kGroup, "share_quota", R"({"name": "a\u0000"})",
+                "parameter [name] must be without NUL characters"},
+        BadCall{kGroup, "share_quota", R"({"names": ["a"]})", "unknown parameter [names]"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Privileges, ParametersTest,
+    testing::Values(BadCall{kPrivilege, "grant", "{}", "parameter [names] is missing"},
+                    BadCall{kPrivilege, "grant", R"({"names": []})",
+                            "parameter [names] must hold at least one name"},
+                    BadCall{kPrivilege, "grant", R"({"names": ["a"], "app": 5})",
+                            "parameter [app] must be a string"},
+                    BadCall{kPrivilege, "grant", R"({"names": ["a"], "app": null})",
+                            "parameter [app] must be a string"},
+                    BadCall{kPrivilege, "revoke", R"({"names": []})",
+                            "parameter [names] must hold at least one name"},
+                    BadCall{kPrivilege, "revoke", R"({"names": ["a"], "app": "b\u0000"})",
+                            "parameter [app] must be without NUL characters"},
+                    BadCall{kPrivilege, "revoke", R"({"names": ["a"], "application": "b"})",
+                            "unknown parameter [application]"},
+                    BadCall{kPrivilege, "list", R"({"names": ["a"]})",
+                            "unknown parameter [names]"}));
 
 }  // namespace
 }  // namespace quillon::handlers

@@ -6,13 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/value.h>
-#include <json/writer.h>
 
-#include <quillon/handlers/register.h>
 #include <vela/api_runner.h>
 #include <velamailserver/log_exception.h>
 
-#include "system/world.h"
+#include "handlers/api_test.h"
 
 namespace quillon::handlers {
 namespace {
@@ -21,34 +19,12 @@ using test::Column;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kAPI[] = "Quillon.MailServer.User";
-
-Json::Value Array(const std::vector<std::string>& texts) {
-  Json::Value array(Json::arrayValue);
-  for (const std::string& text : texts) {
-    array.append(text);
-  }
-  return array;
-}
-
-class UserAPITest : public testing::Test {
+class UserAPITest : public APITest {
  protected:
-  UserAPITest() { RegisterAll(); }
+  UserAPITest() : APITest("Quillon.MailServer.User") {}
 
-  static Json::Value Exec(const char* method, const Json::Value& params) {
-    Json::Value response;
-    VELA::APIRunner::Exec(response, kAPI, 1, method, params, "admin");
-    return response;
-  }
-
-  static Json::Value Data(const char* method, const Json::Value& params) {
-    const Json::Value response = Exec(method, params);
-    EXPECT_TRUE(response["success"].asBool()) << response;
-    return response["data"];
-  }
-
-  static void SetQuota(const std::string& name, unsigned long long limit,
-                       unsigned long long warning) {
+  void SetQuota(const std::string& name, unsigned long long limit,
+                unsigned long long warning) const {
     Json::Value params;
     params["names"].append(name);
     params["limit"] = Json::UInt64{limit};
@@ -56,24 +32,18 @@ class UserAPITest : public testing::Test {
     Data("set_quota", params);
   }
 
-  static Json::Value Selection(const std::vector<std::string>& names) {
-    Json::Value params;
-    params["names"] = Array(names);
-    return params;
-  }
-
-  static std::vector<std::string> Names(const Json::Value& params) {
+  std::vector<std::string> Names(const Json::Value& params) const {
     return Column(Data("list", params), "name");
   }
 
-  static std::vector<std::string> SortedBy(const char* key, const char* direction) {
+  std::vector<std::string> SortedBy(const char* key, const char* direction) const {
     Json::Value params;
     params["sort"] = key;
     params["direction"] = direction;
     return Names(params);
   }
 
-  static std::vector<std::string> Page(Json::UInt64 offset, Json::Int64 limit) {
+  std::vector<std::string> Page(Json::UInt64 offset, Json::Int64 limit) const {
     Json::Value params;
     params["offset"] = offset;
     params["limit"] = limit;
@@ -81,8 +51,6 @@ class UserAPITest : public testing::Test {
     EXPECT_EQ(data["total"].asUInt(), 3U);
     return Column(data, "name");
   }
-
-  test::World world_;
 };
 
 TEST_F(UserAPITest, ListsAllMailUsersInOrderOfTheirNames) {

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <json/reader.h>
 
 #include <quillon/platform/configuration.h>
@@ -18,8 +19,8 @@
 namespace quillon::test {
 
 World::World() {
-  folder_.Write("group", "users:x:100:\n");
   UseStore("sqlite://" + quota_database());
+  AddGroup("users", kUsers);
   AddAccount("alice", 1001);
   AddAccount("bob", 1002);
   AddAccount("carol", 1003);
@@ -29,6 +30,9 @@ void World::UseStore(const std::string& url) {
   folder_.Write("mailserver.toml", fmt::format(R"([accounts]
 passwd_file = "{0}/passwd"
 group_file = "{0}/group"
+min_gid = 100
+admin_group = "admins"
+privileges_file = "{0}/app-privileges"
 [maildir]
 root = "{0}/spool"
 usage_cache = "{0}/usage-cache.db"
@@ -47,9 +51,15 @@ file = "{0}/mail.log"
   platform::UseConfiguration(platform::LoadConfiguration(configuration_file()));
 }
 
-void World::AddAccount(const std::string& name, unsigned int uid) {
-  passwd_ += fmt::format("{}:x:{}:100::/nonexistent:/usr/sbin/nologin\n", name, uid);
+void World::AddAccount(const std::string& name, unsigned int uid, unsigned int gid) {
+  passwd_ += fmt::format("{}:x:{}:{}::/nonexistent:/usr/sbin/nologin\n", name, uid, gid);
   folder_.Write("passwd", passwd_);
+}
+
+void World::AddGroup(const std::string& name, unsigned int gid,
+                     const std::vector<std::string>& members) {
+  group_ += fmt::format("{}:x:{}:{}\n", name, gid, fmt::join(members, ","));
+  folder_.Write("group", group_);
 }
 
 void World::SetUsage(const std::string& name, const std::string& bytes) const {
@@ -72,6 +82,14 @@ void World::Deliver(const std::string& account, const std::string& folder, std::
 
 std::string World::Maildir(const std::string& account) const {
   return folder_ / ("spool/local/" + account);
+}
+
+std::string World::Image(const std::string& account) const {
+  return Run({"sh", "-c",
+              "cd \"$1\" && find . -printf '%p %y %m %U:%G %s %T@ %i\\n' | sort &&"
+              " find . -type f -exec sha256sum {} + | sort",
+              "sh", Maildir(account)})
+      .output;
 }
 
 void World::Give(const std::string& account, unsigned int uid) const {
@@ -122,8 +140,9 @@ std::string PlatformLibraryPath() { return PLATFORM_LIBRARY; }
 
 std::vector<std::string> Column(const Json::Value& report, const char* member) {
   std::vector<std::string> values;
-  for (const Json::Value& user : report["users"]) {
-    values.push_back(user[member].isNull() ? "null" : user[member].asString());
+  const char* const list = report.isMember("groups") ? "groups" : "users";
+  for (const Json::Value& entry : report[list]) {
+    values.push_back(entry[member].isNull() ? "null" : entry[member].asString());
   }
   return values;
 }

@@ -17,7 +17,10 @@ namespace quillon::test {
 /// is also the configuration of this process. Everything gives up after a second.
 class World {
  public:
-  /// The accounts alice, bob and carol, with the uids 1001 to 1003.
+  static constexpr unsigned int kUsers = 100;  ///< gid of the group "users"
+
+  /// The accounts alice, bob and carol, with the uids 1001 to 1003, and their group "users". The
+  /// administrators' group is "admins", which is not there.
   World();
 
   const TemporaryFolder& folder() const { return folder_; }
@@ -25,7 +28,9 @@ class World {
   std::string configuration_file() const { return folder_ / "mailserver.toml"; }
   std::string quota_database() const { return folder_ / "quota.db"; }
 
-  void AddAccount(const std::string& name, unsigned int uid);
+  void AddAccount(const std::string& name, unsigned int uid, unsigned int gid = kUsers);
+  void AddGroup(const std::string& name, unsigned int gid,
+                const std::vector<std::string>& members = {});
   /// Makes another quota store that of the host, by its URL.
   void UseStore(const std::string& url);
   void SetUsage(const std::string& name, const std::string& bytes) const;
@@ -35,6 +40,9 @@ class World {
   void Deliver(const std::string& account, const std::string& folder, std::size_t size);
   /// The account's mail directory, which need not exist.
   std::string Maildir(const std::string& account) const;
+  /// Everything about a mail directory that a change beside it must not change: names, sizes,
+  /// owners, times and contents.
+  std::string Image(const std::string& account) const;
   /// Makes a uid the owner of the account's mail directory and of all that is in it now.
   void Give(const std::string& account, unsigned int uid) const;
 
@@ -49,6 +57,7 @@ class World {
   TemporaryFolder folder_;
   RedisServer redis_;
   std::string passwd_;
+  std::string group_;
   std::size_t messages_ = 0;
 };
 
@@ -57,7 +66,7 @@ std::string QuillonctlPath();
 /// The path of the platform's library, by the name that programs load it by.
 std::string PlatformLibraryPath();
 
-/// The values of one member of all users in a report, as text.
+/// The values of one member of all users, or of all groups, in a report, as text.
 std::vector<std::string> Column(const Json::Value& report, const char* member);
 
 }  // namespace quillon::test

@@ -79,10 +79,38 @@ TEST_F(WorkerTest, LetsMonitorsReadOnly) {
   EXPECT_EQ(Ask(kMonitor, R"({"api":"VELA.Core.Web.TARN","version":1,"method":"get"})").code, 200U);
   EXPECT_EQ(Ask(kMonitor, kEcho).code, 403U);
   EXPECT_EQ(Ask(static_cast<Role>(0), kEcho).code, 403U);
-  EXPECT_TRUE(MayCall(kMonitor, "Quillon.MailServer.User", "list"));
-  EXPECT_FALSE(MayCall(kMonitor, "Quillon.MailServer.User", "set_quota"));
-  EXPECT_FALSE(MayCall(kMonitor, "Quillon.MailServer.NoOwner", "remove"));
-  EXPECT_TRUE(MayCall(kAdmin, "Quillon.MailServer.NoOwner", "remove"));
+}
+
+struct Calls {
+  const char* api;
+  std::vector<const char*> for_monitors;
+  std::vector<const char*> for_admins_only;
+};
+
+TEST_F(WorkerTest, KnowsWhatMonitorsMayCall) {
+  const std::vector<Calls> all = {
+      {"VELA.Core.System.Utilization", {"get"}, {}},
+      {"VELA.Core.Web.TARN", {"get"}, {}},
+      {"VELA.Core.Quota", {}, {"get"}},
+      {"Quillon.MailServer.User",
+       {"list", "names", "details"},
+       {"set_quota", "clear_quota", "clear_storage"}},
+      {"Quillon.MailServer.Group", {"list", "share_quota"}, {"set_quota", "clear_quota"}},
+      {"Quillon.MailServer.Privilege", {"list"}, {"grant", "revoke"}},
+      {"Quillon.MailServer.Usage", {}, {"count"}},
+      {"Quillon.MailServer.NoOwner", {"list", "status"}, {"refresh", "remove"}},
+      {"Quillon.MailServer.Quota", {}, {"import"}},
+  };
+  for (const Calls& calls : all) {
+    for (const char* method : calls.for_monitors) {
+      EXPECT_TRUE(MayCall(kMonitor, calls.api, method)) << calls.api << " " << method;
+      EXPECT_TRUE(MayCall(kAdmin, calls.api, method)) << calls.api << " " << method;
+    }
+    for (const char* method : calls.for_admins_only) {
+      EXPECT_FALSE(MayCall(kMonitor, calls.api, method)) << calls.api << " " << method;
+      EXPECT_TRUE(MayCall(kAdmin, calls.api, method)) << calls.api << " " << method;
+    }
+  }
 }
 
 TEST_F(WorkerTest, ServesUntilTheOtherSideCloses) {

@@ -18,6 +18,51 @@ namespace quillon::handlers {
 ///   "set_quota"    {"names", "limit", "warning"} → {"users": [NAME…]}
 ///   "clear_quota"  {"names"} → {"users": [NAME…]}
 ///   "names"        {"names"}, optional → {"names": [NAME…]}; without it: all mail users
+///   "details"      {"names"}, optional, at least one; without it: all mail users
+///                  → {"users": [{"name", "has_app_privilege", "maildir", "share_quota",
+///                  "quota_limit", "usage"}…]}; see `MoreInfo`. "has_app_privilege" is whether the
+///                  user may use the mail client. "maildir" is the path of the mail directory,
+///                  "share_quota" what the user may store in the shared folder that holds the mail,
+///                  "usage" what the usage store has; each of them is null when there is none.
+///                  "quota_limit" is the limit that applies to the mailbox, from wherever it comes,
+///                  0 when nothing limits it.
+///   "clear_storage" {"names", "dry_run"}, at least one name; "dry_run" is false by default
+///                  → {"removed": […], "left": […], "without": [NAME…]}, with "dry_run"
+///                  {"maildirs": […], "without": [NAME…]}, and then nothing is changed. Removes the
+///                  users' mail for good, and their entries in the usage store. An entry is
+///                  {"name", "path", "usage", "messages"}, in the order of the names, measured at
+///                  that moment (what was "removed": before its removal); sizes are the bytes of
+///                  all regular files; "usage" and "messages" are null for a directory that cannot
+///                  be read. "removed" is what is gone from its path. "left" is what is still
+///                  there, because it belongs to somebody else, say; its user has no usage entry
+///                  any more either, until the next count. "without" are those who have no mail
+///                  directory (a link is none) of their own: only their usage entries are deleted.
+///                  Users who share a uid share a directory; it is the first one's. A missing
+///                  maildir root, or anything else that keeps a directory from being looked up,
+///                  refuses the call with `ERR_LSTAT_FILE` before anything is removed. When the
+///                  usage store fails after that, the error is `ERR_REDIS_DELETE_KEY`, its "data"
+///                  is {"removed", "left", "without"}, and to call again finishes the job.
+///
+/// "Quillon.MailServer.Group" version 1, sizes in bytes; names as for the users. Unknown names
+/// refuse the call with `ERR_SDK_GROUP_GET`.
+///   "list"         {"names", "sort", "direction", "offset", "limit"}, all optional
+///                  → {"groups": […], "total"}; see `ReportGroups` for the members. Without
+///                  "names": all groups of mail users. "sort" is "name", "limit" or "warning"; the
+///                  others are as for the users.
+///   "set_quota"    {"names", "limit", "warning"} → {"groups": [NAME…]}
+///   "clear_quota"  {"names"} → {"groups": [NAME…]}
+///   "share_quota"  {"name"} → {"name", "share_quota"}: what the group may store in the shared
+///                  folder that holds the mail, null when that is without a limit. More than 64
+///                  bits hold is answered as 18446744073709551615.
+///
+/// "Quillon.MailServer.Privilege" version 1: who may use which application. Names of users are as
+/// above; "app" is an application's exact name, 1 to 255 letters, digits, '.', '_' and '-'
+/// (`ERR_INTERNAL` refuses others), the mail client's "VELA.WUI.MailClient.Application" by default.
+/// A file of privileges that cannot be used refuses the call with `ERR_OPEN_FILE`.
+///   "grant", "revoke" {"names", "app"}, at least one name, "app" optional
+///                  → {"users": [NAME…], "app"}. What already is so stays so.
+///   "list"         {} → {"revoked": [{"name", "app"}…]}, in the order of applications and then of
+///                  names. Everybody else may use every application.
 ///
 /// "Quillon.MailServer.Usage" version 1:
 ///   "count"        {"names"} → {"counted": [{"name", "usage"}…], "skipped": false}, or nothing

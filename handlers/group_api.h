@@ -1,0 +1,7 @@
+#pragma once
+
+namespace quillon::handlers {
+
+void RegisterGroupAPI();
+
+}  // namespace quillon::handlers

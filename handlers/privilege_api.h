@@ -1,0 +1,7 @@
+#pragma once
+
+namespace quillon::handlers {
+
+void RegisterPrivilegeAPI();
+
+}  // namespace quillon::handlers
