@@ -15,6 +15,7 @@
 #include <quillon/platform/secret.h>
 #include <quillon/platform/web_accounts.h>
 
+#include "count.h"
 #include "output.h"
 #include "password.h"
 #include "table.h"
@@ -110,10 +111,7 @@ void WriteListTable(const std::vector<WebAccount>& accounts) {
   for (const WebAccount& account : accounts) {
     table.AddRow({{account.name}, {WebRoleName(account.role)}});
   }
-  fmt::memory_buffer out;
-  table.AppendTo(out);
-  WriteOutput(fmt::format("{}{} {}\n", fmt::to_string(out), accounts.size(),
-                          accounts.size() == 1 ? "account" : "accounts"));
+  WriteTable(table, Count(accounts.size(), "account", "accounts"));
 }
 
 int List(const Options& options) {

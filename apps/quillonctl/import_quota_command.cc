@@ -8,8 +8,8 @@
 #include <json/value.h>
 
 #include "api_call.h"
+#include "count.h"
 #include "input.h"
-#include "names.h"
 #include "output.h"
 
 namespace {

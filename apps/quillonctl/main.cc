@@ -11,13 +11,16 @@
 
 #include <quillon/handlers/register.h>
 #include <quillon/platform/configuration.h>
+#include <velamailserver/log_exception.h>
 
 #include "account_commands.h"
 #include "api_call.h"
 #include "command.h"
+#include "group_commands.h"
 #include "host_commands.h"
 #include "no_owner_commands.h"
 #include "output.h"
+#include "privilege_commands.h"
 #include "remote.h"
 #include "token_command.h"
 #include "usage_commands.h"
@@ -102,6 +105,8 @@ int Execute(int argc, char** argv) {
       "Example: quillonctl user list --above 80\n"
       "Example: quillonctl --host mail2 --account boss user list --above 80");
   AddUserCommands(app, command);
+  AddGroupCommands(app, command);
+  AddPrivilegeCommands(app, command);
   AddUsageCommands(app, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);
@@ -135,7 +140,10 @@ int main(int argc, char** argv) {
   try {
     return Execute(argc, argv);
   } catch (const CallError& error) {
-    WriteError(fmt::format("{} (error {})", error.what(), error.code()));
+    // One API's failure within another's comes without its reason.
+    const bool is_logged_only = error.code() == velamailserver::ERR_RUN_WEBAPI;
+    WriteError(fmt::format("{} (error {}){}", error.what(), error.code(),
+                           is_logged_only ? "; the mail log has the reason" : ""));
   } catch (const std::exception& error) {
     WriteError(error.what());
   }

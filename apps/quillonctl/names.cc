@@ -1,7 +1,5 @@
 #include "names.h"
 
-#include <fmt/format.h>
-
 #include "options.h"
 
 namespace {
@@ -10,8 +8,10 @@ constexpr char kArgument[] = "NAME";
 
 }  // namespace
 
-CLI::Option* AddNames(CLI::App& command, std::vector<std::string>& names) {
-  return command.add_option(kArgument, names, "names of users; - reads them from standard input")
+CLI::Option* AddNames(CLI::App& command, std::vector<std::string>& names,
+                      const std::string& owners) {
+  return command
+      .add_option(kArgument, names, "names of " + owners + "; - reads them from standard input")
       ->type_name("");
 }
 
@@ -25,8 +25,4 @@ Json::Value NameArray(const std::vector<std::string>& names) {
     array.append(name);
   }
   return array;
-}
-
-std::string CountOfUsers(unsigned long long count) {
-  return fmt::format("{} {}", count, count == 1 ? "user" : "users");
 }

@@ -3,27 +3,23 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <iterator>
 #include <limits>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <json/value.h>
 
 #include <quillon/platform/printable.h>
 
 #include "api_call.h"
-#include "confirm.h"
+#include "count.h"
 #include "number.h"
 #include "options.h"
 #include "output.h"
 #include "progress.h"
+#include "removal.h"
 #include "size.h"
 #include "table.h"
 
@@ -34,20 +30,10 @@ using quillon::platform::Printable;
 constexpr char kAPI[] = "Quillon.MailServer.NoOwner";
 constexpr char kUid[] = "UID";
 
-std::string Count(unsigned long long count, const std::string& noun, const std::string& plural) {
-  return fmt::format("{} {}", count, count == 1 ? noun : plural);
-}
+constexpr char kNoun[] = "ownerless mail directory";
+constexpr char kPlural[] = "ownerless mail directories";
 
-std::string CountOfMaildirs(unsigned long long count) {
-  return Count(count, "ownerless mail directory", "ownerless mail directories");
-}
-
-std::string TextOf(const Table& table, const std::string& summary) {
-  fmt::memory_buffer out;
-  table.AppendTo(out);
-  out.append(summary);
-  return {out.data(), out.size()};
-}
+std::string CountOfMaildirs(unsigned long long count) { return Count(count, kNoun, kPlural); }
 
 struct ListOptions {
   std::string match;
@@ -80,11 +66,9 @@ void WriteList(const Json::Value& data) {
                   {is_counted ? FormatSize(maildir["usage"].asUInt64()) : "-"}});
   }
   const unsigned long long total = data["total"].asUInt64();
-  WriteOutput(TextOf(
-      table, fmt::format("{}{}, {}{}\n",
-                         maildirs.size() == total ? "" : fmt::format("{} of ", maildirs.size()),
-                         CountOfMaildirs(total), FormatSize(TotalUsage(maildirs)),
-                         is_complete ? "" : " counted so far")));
+  WriteTable(table,
+             fmt::format("{}{}, {}{}", PartOf(maildirs.size(), total), CountOfMaildirs(total),
+                         FormatSize(TotalUsage(maildirs)), is_complete ? "" : " counted so far"));
   if (!is_complete) {
     WriteOutput("Those without a usage are being counted now: ask again in a while.\n");
   }
@@ -196,154 +180,27 @@ void AddRefresh(CLI::App& no_owner, Command& command) {
   refresh->callback([options, &command] { command = [options] { return Refresh(*options); }; });
 }
 
-struct RemoveOptions {
-  std::vector<std::string> arguments;
-  Json::Value uids = Json::Value(Json::arrayValue);
-  bool is_agreed = false;
-  bool is_dry_run = false;
-  bool as_json = false;
-};
-
-Json::Value Remove(const Json::Value& uids, bool is_dry_run) {
-  Json::Value params;
-  params["uids"] = uids;
-  params["dry_run"] = is_dry_run;
-  return Call(kAPI, "remove", params);
-}
-
-Json::Value UidsOf(const Json::Value& maildirs) {
-  Json::Value uids(Json::arrayValue);
-  for (const Json::Value& maildir : maildirs) {
-    uids.append(maildir["uid"]);
-  }
-  return uids;
-}
-
-std::string SizeAndMessages(const Json::Value& maildirs) {
-  unsigned long long messages = 0;
-  for (const Json::Value& maildir : maildirs) {
-    messages += maildir["messages"].asUInt64();
-  }
-  return FormatSize(TotalUsage(maildirs)) + " in " + Count(messages, "message", "messages");
-}
-
-// A directory that cannot be read has no figures.
-void WriteMaildirs(const Json::Value& maildirs) {
-  Table table({{kUid, Table::Align::kRight},
-               {"NAME", Table::Align::kLeft},
-               {"PATH", Table::Align::kLeft},
-               {"SIZE", Table::Align::kRight},
-               {"MESSAGES", Table::Align::kRight}});
-  for (const Json::Value& maildir : maildirs) {
-    const Json::Value& usage = maildir["usage"];
-    const Json::Value& messages = maildir["messages"];
-    table.AddRow({{Printable(maildir["uid"].asString())},
-                  {Printable(maildir["name"].asString())},
-                  {Printable(maildir["path"].asString())},
-                  {usage.isNull() ? "-" : FormatSize(usage.asUInt64())},
-                  {messages.isNull() ? "-" : Printable(messages.asString())}});
-  }
-  WriteOutput(TextOf(
-      table, fmt::format("{}, {}\n", CountOfMaildirs(maildirs.size()), SizeAndMessages(maildirs))));
-}
-
-// Answers the exit code.
-int ReportUnknown(const Json::Value& unknown) {
-  if (unknown.empty()) {
-    return kDone;
-  }
-  std::vector<std::string> uids;
-  for (const Json::Value& uid : unknown) {
-    uids.push_back(uid.asString());
-  }
-  WriteError(fmt::format("no ownerless mail directory of uid {}", fmt::join(uids, ", ")));
-  return kFailed;
-}
-
-int ReportLeft(const Json::Value& left) {
-  if (left.empty()) {
-    return kDone;
-  }
-  WriteError(CountOfMaildirs(left.size()) + " left; the mail log tells why");
-  return kFailed;
-}
-
-// For those that were shown and are neither removed nor left: somebody owns them by now, or
-// something else is in their place.
-int ReportChanged(const Json::Value& shown, const Json::Value& data) {
-  std::set<std::string> reported;
-  for (const char* list : {"removed", "left"}) {
-    for (const Json::Value& maildir : data[list]) {
-      reported.insert(maildir["path"].asString());
-    }
-  }
-  int code = kDone;
-  for (const Json::Value& maildir : shown) {
-    const std::string path = maildir["path"].asString();
-    if (!reported.contains(path)) {
-      WriteError("not removed, it has changed since it was shown: " + Printable(path));
-      code = kFailed;
-    }
-  }
-  return code;
-}
-
-std::string Question(const Json::Value& maildirs) {
-  return fmt::format("Remove {} with {} for good?",
-                     maildirs.size() == 1 ? "this directory"
-                                          : fmt::format("these {} directories", maildirs.size()),
-                     FormatSize(TotalUsage(maildirs)));
-}
-
-int RemoveForPrograms(const RemoveOptions& options) {
-  const Json::Value data = Remove(options.uids, options.is_dry_run);
-  WriteJson(data);
-  return std::max(ReportUnknown(data["unknown"]), ReportLeft(data["left"]));
-}
-
-int RemoveForPeople(const RemoveOptions& options) {
-  const Json::Value preview = Remove(options.uids, true);
-  const Json::Value& maildirs = preview["maildirs"];
-  const int code = ReportUnknown(preview["unknown"]);
-  if (maildirs.empty()) {
-    return code;
-  }
-  WriteMaildirs(maildirs);
-  if (options.is_dry_run) {
-    return code;
-  }
-  if (!options.is_agreed && !IsAgreed(Question(maildirs))) {
-    WriteError("nothing was removed");
-    return kFailed;
-  }
-  // Of no uids but those that were shown.
-  const Json::Value data = Remove(UidsOf(maildirs), false);
-  WriteOutput(fmt::format("{} removed, {}\n", CountOfMaildirs(data["removed"].size()),
-                          SizeAndMessages(data["removed"])));
-  if (!data["left"].empty()) {
-    WriteMaildirs(data["left"]);
-  }
-  return std::max({code, ReportChanged(maildirs, data), ReportLeft(data["left"])});
-}
-
 std::uint32_t ParseUid(const std::string& text) {
   return static_cast<std::uint32_t>(
       ParseWholeNumber(text, std::numeric_limits<std::uint32_t>::max()));
 }
 
-// Nothing is removed unasked.
-void RequireAgreement(const RemoveOptions& options) {
-  const auto& arguments = options.arguments;
-  const bool is_input_used = std::find(arguments.begin(), arguments.end(), "-") != arguments.end();
-  const bool can_ask = !options.as_json && !is_input_used && CanAsk();
-  if (!options.is_agreed && !options.is_dry_run && !can_ask) {
-    throw CLI::RequiredError("--yes is required where nobody can be asked",
-                             CLI::ExitCodes::RequiredError);
-  }
+Removal RemovalOfOwnerless() {
+  Removal removal;
+  removal.api = kAPI;
+  removal.method = "remove";
+  removal.parameter = "uids";
+  removal.columns = {{kUid, Table::Align::kRight, "uid"}, {"NAME", Table::Align::kLeft, "name"}};
+  removal.noun = kNoun;
+  removal.plural = kPlural;
+  removal.without = "unknown";
+  removal.without_text = "no ownerless mail directory of uid ";
+  removal.needs_directory = true;
+  return removal;
 }
 
 void AddRemove(CLI::App& no_owner, Command& command) {
-  const auto options = std::make_shared<RemoveOptions>();
+  const auto options = std::make_shared<RemovalOptions>();
   CLI::App* remove = no_owner.add_subcommand(
       "remove", "Remove mail directories that belong to nobody, with all mail in them, for good");
   remove
@@ -351,18 +208,14 @@ void AddRemove(CLI::App& no_owner, Command& command) {
                    "uids whose directories to remove; - reads them from standard input")
       ->type_name("")
       ->required();
-  remove->add_flag("--yes", options->is_agreed, "do not ask; needed where there is no terminal");
-  remove->add_flag("--dry-run", options->is_dry_run, "show what would go, and change nothing");
-  remove->add_flag("--json", options->as_json, "print JSON; does not ask, so it needs --yes");
+  AddRemovalOptions(*remove, *options);
   remove->footer("Example: quillonctl no-owner remove --dry-run 1044 1051");
   remove->callback([options, &command] {
     RequireAgreement(*options);
     for (const std::string& text : ReadArguments(kUid, options->arguments)) {
-      options->uids.append(Json::UInt{Parsed(kUid, text, ParseUid)});
+      options->owners.append(Json::UInt{Parsed(kUid, text, ParseUid)});
     }
-    command = [options] {
-      return options->as_json ? RemoveForPrograms(*options) : RemoveForPeople(*options);
-    };
+    command = [options] { return Remove(RemovalOfOwnerless(), *options); };
   });
 }
 

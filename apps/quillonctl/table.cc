@@ -6,6 +6,8 @@
 #include <string_view>
 #include <utility>
 
+#include "output.h"
+
 namespace {
 
 constexpr std::size_t kGap = 2;
@@ -69,4 +71,11 @@ void Table::AppendTo(fmt::memory_buffer& out) const {
     }
     out.push_back('\n');
   }
+}
+
+void WriteTable(const Table& table, const std::string& summary) {
+  fmt::memory_buffer out;
+  table.AppendTo(out);
+  fmt::format_to(std::back_inserter(out), "{}\n", summary);
+  WriteOutput({out.data(), out.size()});
 }

@@ -33,3 +33,6 @@ class Table {
   std::vector<std::size_t> widths_;
   std::vector<std::vector<Cell>> rows_;
 };
+
+/// Writes a table to standard output, and a line below it.
+void WriteTable(const Table& table, const std::string& summary);

@@ -11,6 +11,7 @@
 #include <json/value.h>
 
 #include "api_call.h"
+#include "count.h"
 #include "names.h"
 #include "output.h"
 #include "progress.h"

@@ -68,6 +68,16 @@ class HostCommandsTest : public testing::Test {
   }
   void Trust() const { ASSERT_EQ(Ctl({"host", "trust", host_, "--yes"}).exit_code, 0); }
   std::string Log() const { return folder_.Read("log"); }
+  // Alice's, with one message of 5 bytes.
+  std::string AddMaildirThere() const {
+    const std::string maildir = server_.folder() / "spool/local/alice";
+    for (const char* part : {"/cur", "/new", "/tmp"}) {
+      std::filesystem::create_directories(maildir + part);
+    }
+    server_.folder().Write("spool/local/alice/new/1.M1P1.host", "mail\n");
+    EXPECT_EQ(test::Run({"chown", "-R", "1001", maildir}).exit_code, 0);
+    return maildir;
+  }
 
   TemporaryFolder folder_;
   RedisServer redis_;
@@ -86,6 +96,51 @@ TEST_F(HostCommandsTest, SetsAQuotaOnAnotherHostAndReportsIt) {
   EXPECT_EQ(Column(Parse(outcome.output), "limit"), std::vector<std::string>{"2048"});
   EXPECT_EQ(Column(Parse(outcome.output), "warning"), std::vector<std::string>{"1024"});
   EXPECT_FALSE(std::filesystem::exists(folder_ / "quota.db"));  // nothing was done here
+}
+
+TEST_F(HostCommandsTest, AdministersGroupsPrivilegesAndMailThere) {
+  Trust();
+  const std::string maildir = AddMaildirThere();
+  EXPECT_EQ(There({"group", "set-quota", "--limit", "2K", "--warning", "1K", "users"}).output,
+            "quota of 1 group set: limit 2K, warning 1K\n");
+  EXPECT_THAT(There({"group", "list", "users"}).output, HasSubstr("\nusers     2K       1K\n"));
+  EXPECT_EQ(There({"group", "share-quota", "users"}).output, "share quota of users: -\n");
+  EXPECT_EQ(There({"privilege", "revoke", "alice"}).exit_code, 0);
+  EXPECT_THAT(There({"privilege", "list"}).output, HasSubstr("\nalice  VELA.WUI.MailClient."));
+  EXPECT_EQ(There({"user", "show", "alice"}).output,
+            "NAME   MAIL CLIENT  LIMIT  SHARE QUOTA  USAGE  MAILDIR\n"
+            "alice  no              2K            -      -  " +
+                maildir + "\n1 user, 0B used\n");
+  const Outcome outcome = There({"user", "clear-storage", "--yes", "alice"});
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_THAT(outcome.output, EndsWith("\n1 mail directory removed, 5B in 1 message\n"));
+  EXPECT_FALSE(std::filesystem::exists(maildir));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "quota.db"));  // nothing was done here
+}
+
+TEST_F(HostCommandsTest, AMonitorSeesGroupsAndPrivilegesAndChangesNone) {
+  Trust();
+  const std::string maildir = AddMaildirThere();
+  const auto watch = [this](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--host", host_});
+    return As("watcher", arguments);
+  };
+  for (const std::vector<std::string>& seen : {std::vector<std::string>{"user", "show", "alice"},
+                                               {"group", "list", "users"},
+                                               {"group", "share-quota", "users"},
+                                               {"privilege", "list"}}) {
+    EXPECT_EQ(watch(seen).error, "");
+  }
+  for (const std::vector<std::string>& refused :
+       {std::vector<std::string>{"user", "clear-storage", "--yes", "alice"},
+        {"user", "clear-storage", "--dry-run", "alice"},
+        {"group", "clear-quota", "users"},
+        {"privilege", "revoke", "alice"}}) {
+    const Outcome outcome = watch(refused);
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_THAT(outcome.error, EndsWith("(error 403)\n"));
+  }
+  EXPECT_TRUE(std::filesystem::exists(maildir));
 }
 
 TEST_F(HostCommandsTest, ImportsAFileThereByteForByte) {

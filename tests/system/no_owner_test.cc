@@ -105,15 +105,6 @@ class NoOwnerTest : public testing::Test {
     return std::filesystem::exists(world_.Maildir(account));
   }
 
-  // Everything about a mail directory that a removal beside it must not change.
-  std::string Image(const std::string& account) const {
-    return test::Run({"sh", "-c",
-                      "cd \"$1\" && find . -printf '%p %y %m %U:%G %s %T@ %i\\n' | sort &&"
-                      " find . -type f -exec sha256sum {} + | sort",
-                      "sh", world_.Maildir(account)})
-        .output;
-  }
-
   // The bytes of all regular files.
   unsigned long long Sum(const std::string& account) const {
     return std::stoull(
@@ -172,11 +163,11 @@ TEST_F(NoOwnerTest, RefreshWithoutWaitingReturnsAtOnce) {
 }
 
 TEST_F(NoOwnerTest, RefreshCountsAnew) {
-  NoOwner({"refresh", "--wait"});
+  EXPECT_EQ(NoOwner({"refresh", "--wait"}).error, "");
   world_.Deliver("emil", "cur", 1024);
   world_.Give("emil", 3000002);
   EXPECT_THAT(NoOwner({"list"}).output, HasSubstr("3000002  emil     2K\n"));
-  NoOwner({"refresh", "--wait"});
+  EXPECT_EQ(NoOwner({"refresh", "--wait"}).error, "");
   EXPECT_THAT(NoOwner({"list"}).output, HasSubstr("3000002  emil     3K\n"));
 }
 
@@ -257,7 +248,7 @@ TEST_F(NoOwnerTest, RefreshPrintsTheDocument) {
 TEST_F(NoOwnerTest, ListsPagesInOrder) {
   world_.Deliver("fred.dora", "cur", 9000);
   world_.Give("fred.dora", 3000003);
-  NoOwner({"refresh", "--wait"});
+  EXPECT_EQ(NoOwner({"refresh", "--wait"}).error, "");
   const auto names = [this](std::vector<std::string> options) {
     options.insert(options.begin(), {"no-owner", "list"});
     std::string text;
@@ -313,22 +304,13 @@ class RemoveOwnerlessTest : public NoOwnerTest {
            world_.Maildir("emil") + "    2K         1\n" +
            "2 ownerless mail directories, 7.1K in 4 messages\n";
   }
-
-  // As a terminal shows it.
-  static std::string WithReturns(const std::string& text) {
-    std::string shown;
-    for (const char c : text) {
-      shown += c == '\n' ? "\r\n" : std::string(1, c);
-    }
-    return shown;
-  }
 };
 
 TEST_F(RemoveOwnerlessTest, RemovesForGoodAndTouchesNothingElse) {
-  const std::string alice = Image("alice");
-  const std::string emil = Image("emil");
+  const std::string alice = world_.Image("alice");
+  const std::string emil = world_.Image("emil");
   ASSERT_THAT(alice, HasSubstr("./.Sent/cur/2.M1P1.host"));
-  NoOwner({"refresh", "--wait"});
+  EXPECT_EQ(NoOwner({"refresh", "--wait"}).error, "");
 
   const Outcome outcome = NoOwner({"remove", "--yes", "3000001"});
 
@@ -337,8 +319,8 @@ TEST_F(RemoveOwnerlessTest, RemovesForGoodAndTouchesNothingElse) {
                                        "1 ownerless mail directory removed, 5.1K in 3 messages\n"));
   EXPECT_EQ(outcome.error, "");
   EXPECT_FALSE(Exists("dora"));
-  EXPECT_EQ(Image("alice"), alice);
-  EXPECT_EQ(Image("emil"), emil);
+  EXPECT_EQ(world_.Image("alice"), alice);
+  EXPECT_EQ(world_.Image("emil"), emil);
   EXPECT_EQ(NoOwner({"list"}).output,
             "    UID  NAME  USAGE\n"
             "3000002  emil     2K\n"
@@ -346,13 +328,13 @@ TEST_F(RemoveOwnerlessTest, RemovesForGoodAndTouchesNothingElse) {
 }
 
 TEST_F(RemoveOwnerlessTest, ADryRunChangesNothing) {
-  const std::string dora = Image("dora");
+  const std::string dora = world_.Image("dora");
   const Outcome outcome = NoOwner({"remove", "--dry-run", "3000001", "3000002"});
   EXPECT_EQ(outcome.exit_code, 0);
   EXPECT_EQ(outcome.output, Preview());
   EXPECT_EQ(outcome.error, "");
   NoOwner({"remove", "--dry-run", "--yes", "3000001", "3000002"});
-  EXPECT_EQ(Image("dora"), dora);
+  EXPECT_EQ(world_.Image("dora"), dora);
   EXPECT_TRUE(Exists("emil"));
 }
 
@@ -373,8 +355,8 @@ TEST_F(RemoveOwnerlessTest, TakesEverythingElseForNo) {
     EXPECT_EQ(outcome.exit_code, 1);
     EXPECT_THAT(
         outcome.output,
-        AllOf(HasSubstr(
-                  WithReturns(Preview() + "Remove these 2 directories with 7.1K for good? [y/N] ")),
+        AllOf(HasSubstr(AsOnTerminal(Preview() +
+                                     "Remove these 2 directories with 7.1K for good? [y/N] ")),
               EndsWith("quillonctl: nothing was removed\r\n"), Not(HasSubstr(" removed, "))))
         << answer;
   }

@@ -31,6 +31,36 @@ TEST(PostgresqlStoreTest, KeepsTheQuotasWhenTheConfigurationSaysSo) {
   EXPECT_THAT(outcome.error, Not(HasSubstr("secret")));
 }
 
+TEST(PostgresqlStoreTest, KeepsTheQuotasOfGroupsToo) {
+  PostgresServer server;
+  World world;
+  world.AddGroup("staff", 200, {"alice", "carol"});
+  world.AddGroup("sales", 300, {"carol"});
+  world.Deliver("alice", "cur", 1);
+  world.UseStore(server.Url(server.CreateDatabase(), "secret"));
+  const auto set = [&world](const std::string& owners, const std::string& limit,
+                            const std::string& name) {
+    EXPECT_EQ(
+        world.Quillonctl({owners, "set-quota", "--limit", limit, "--warning", "1K", name}).error,
+        "");
+  };
+
+  set("group", "2K", "staff");
+  set("group", "5K", "sales");
+  set("user", "3K", "alice");
+  const Json::Value report = world.QuillonctlJson({"group", "list"});
+  EXPECT_THAT(Column(report, "name"), ElementsAre("sales", "staff", "users"));
+  EXPECT_THAT(Column(report, "limit"), ElementsAre("5120", "2048", "null"));
+  EXPECT_THAT(Column(report, "warning"), ElementsAre("1024", "1024", "null"));
+  EXPECT_THAT(Column(world.QuillonctlJson({"user", "show"}), "quota_limit"),
+              ElementsAre("3072", "0", "5120"));
+
+  EXPECT_EQ(world.Quillonctl({"group", "clear-quota", "sales"}).error, "");
+  EXPECT_EQ(world.Quillonctl({"user", "clear-quota", "alice"}).error, "");
+  EXPECT_THAT(Column(world.QuillonctlJson({"user", "show"}), "quota_limit"),
+              ElementsAre("2048", "0", "2048"));
+}
+
 // A host without the module, and an environment that would load the library from elsewhere.
 TEST(PostgresqlStoreTest, NeedsItsModuleBesideThePlatformsLibrary) {
   World world;

@@ -125,4 +125,12 @@ Outcome Converse(const std::vector<std::string>& arguments,
   return terminal.Finish();
 }
 
+std::string AsOnTerminal(const std::string& text) {
+  std::string shown;
+  for (const char c : text) {
+    shown += c == '\n' ? "\r\n" : std::string(1, c);
+  }
+  return shown;
+}
+
 }  // namespace quillon::test

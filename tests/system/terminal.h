@@ -26,4 +26,7 @@ struct Exchange {
 /// before it have not used up. "\x03" interrupts.
 Outcome Converse(const std::vector<std::string>& arguments, const std::vector<Exchange>& exchanges);
 
+/// What a terminal makes of a text that a program writes.
+std::string AsOnTerminal(const std::string& text);
+
 }  // namespace quillon::test

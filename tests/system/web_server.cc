@@ -87,6 +87,9 @@ WebServer::WebServer(const std::string& settings)
                 fmt::format(R"([accounts]
 passwd_file = "{0}/passwd"
 group_file = "{0}/group"
+privileges_file = "{0}/app-privileges"
+[maildir]
+root = "{0}/spool"
 [quota]
 store = "sqlite://{0}/quota.db"
 [log]
