@@ -30,6 +30,9 @@ struct Sizes {
   std::size_t users = 100'000;
   std::size_t fewer_users = 10'000;
   std::size_t changed_users = 10'000;
+  std::size_t detailed_users = 10'000;
+  std::size_t fewer_detailed_users = 1000;
+  std::size_t groups = 10'000;
   std::size_t messages = 100'000;
   std::size_t ownerless = 100'000;        // mail directories
   std::size_t ownerless_files = 200'000;  // to recount
@@ -38,7 +41,7 @@ struct Sizes {
   int rounds = 5;
 };
 
-constexpr Sizes kQuick{2000, 200, 500, 2000, 500, 2000, 1000, 10'000, 1};
+constexpr Sizes kQuick{2000, 200, 500, 500, 50, 500, 2000, 500, 2000, 1000, 10'000, 1};
 
 // The next program reads everything from the disk.
 void ForgetFiles() {
@@ -56,6 +59,8 @@ class Bench {
     const std::vector<std::pair<std::string, std::function<void()>>> measurements = {
         {"report", [this] { Report(); }},
         {"set", [this] { SetQuota(); }},
+        {"details", [this] { Details(); }},
+        {"groups", [this] { Groups(); }},
         {"count", [this] { Count(true, 0.3), Count(false, 1.05); }},
         {"find", [this] { FindOwnerless(); }},
         {"recount", [this] { RecountOwnerless(); }},
@@ -86,6 +91,13 @@ class Bench {
     test::RedisServer redis;
   };
 
+  // What two programs have written about a host.
+  static void RequireSame(const Host& host, const std::string& ours, const std::string& theirs) {
+    if (host.folder.Read(ours) != host.folder.Read(theirs)) {
+      throw std::runtime_error(fmt::format("{} and {} differ", ours, theirs));
+    }
+  }
+
   // Hosts of two sizes at once, so that a machine whose speed drifts does not tell them apart.
   void Report() {
     fmt::print(stderr, "report of {} and of {} users\n", sizes_.users, sizes_.fewer_users);
@@ -99,10 +111,7 @@ class Bench {
                                  {Program("report-in-a-straight-line"), fewer.path()}},
                                 sizes_.rounds);
     for (const Host* host : {&many, &fewer}) {
-      if (host->folder.Read("report-by-library.json") !=
-          host->folder.Read("report-in-a-straight-line.json")) {
-        throw std::runtime_error("the two reports differ");
-      }
+      RequireSame(*host, "report-by-library.json", "report-in-a-straight-line.json");
     }
 
     const std::string what = fmt::format("report of {} users", sizes_.users);
@@ -125,6 +134,44 @@ class Bench {
                                 3 * sizes_.rounds);
     results_.Add(fmt::format("set quota of {} users, time", sizes_.changed_users), 2.0, runs[0],
                  runs[1], &Cost::seconds);
+  }
+
+  // Both programs make the same calls of the platform. Every fourth user is in a group besides.
+  void Details() {
+    fmt::print(stderr, "details of {} and of {} users\n", sizes_.detailed_users,
+               sizes_.fewer_detailed_users);
+    const Host many(sizes_.detailed_users);
+    const Host fewer(sizes_.fewer_detailed_users);
+    for (const Host* host : {&many, &fewer}) {
+      FillStores(host->path());
+      MakeGroups(host->path(),
+                 (host == &many ? sizes_.detailed_users : sizes_.fewer_detailed_users) / 8);
+      MakeMaildirs(host->path());
+    }
+    const auto runs = RunInTurn({{Program("details-by-library"), many.path()},
+                                 {Program("details-in-a-straight-line"), many.path()},
+                                 {Program("details-by-library"), fewer.path()}},
+                                sizes_.rounds);
+    RequireSame(many, "details-by-library", "details-in-a-straight-line");
+    const std::string what = fmt::format("details of {} users", sizes_.detailed_users);
+    results_.Add(what + ", time", 2.0, runs[0], runs[1], &Cost::seconds);
+    const Spread growth = Ratio(runs[0], runs[2], &Cost::seconds);
+    results_.Add({fmt::format("{} beside {}, time", what, sizes_.fewer_detailed_users), 12.0,
+                  growth, fmt::format("{:.1f}x", growth.median), "-"});
+  }
+
+  void Groups() {
+    constexpr std::size_t kUsers = 100;
+    fmt::print(stderr, "report of {} groups\n", sizes_.groups);
+    const Host host(kUsers);
+    MakeGroups(host.path(), sizes_.groups);
+    const auto runs = RunInTurn({{Program("groups-by-library"), host.path()},
+                                 {Program("groups-in-a-straight-line"), host.path()}},
+                                3 * sizes_.rounds);
+    RequireSame(host, "groups-by-library.json", "groups-in-a-straight-line.json");
+    const std::string what = fmt::format("report of {} groups", sizes_.groups);
+    results_.Add(what + ", time", 2.0, runs[0], runs[1], &Cost::seconds);
+    results_.Add(what + ", peak memory", 2.0, runs[0], runs[1], &Cost::peak_mb);
   }
 
   void Count(bool names_carry_sizes, double target) {
@@ -233,9 +280,9 @@ int main(int argc, char** argv) {
   app.add_option("--json", json, "write the figures to this file, too");
   std::string only;
   app.add_option("--only", only, "measure this alone")
-      ->check(
-          CLI::IsMember({"report", "set", "count", "find", "recount", "remove", "page",
-                         "remote-call", "local-call", "web-server", "web-memory", "web-start"}));
+      ->check(CLI::IsMember({"report", "set", "details", "groups", "count", "find", "recount",
+                             "remove", "page", "remote-call", "local-call", "web-server",
+                             "web-memory", "web-start"}));
   CLI11_PARSE(app, argc, argv);
 
   try {

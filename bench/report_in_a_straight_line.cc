@@ -10,38 +10,13 @@
 #include <hiredis.h>
 #include <json/value.h>
 #include <json/writer.h>
-#include <sqlite3.h>
 
+#include "plain_store.h"
 #include "timing.h"
 
 namespace {
 
-using Bytes = std::unordered_map<unsigned int, unsigned long long>;
-
-std::unordered_map<std::string, unsigned int> ReadAccounts(const std::string& path) {
-  std::unordered_map<std::string, unsigned int> uids;
-  std::ifstream file(path);
-  for (std::string line; std::getline(file, line);) {
-    const auto name_end = line.find(':');
-    const auto uid_start = line.find(':', name_end + 1) + 1;
-    uids.emplace(line.substr(0, name_end),
-                 static_cast<unsigned int>(std::strtoul(line.c_str() + uid_start, nullptr, 10)));
-  }
-  return uids;
-}
-
-Bytes Select(sqlite3* database, const char* sql) {
-  Bytes bytes;
-  sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(database, sql, -1, &statement, nullptr);
-  while (sqlite3_step(statement) == SQLITE_ROW) {
-    bytes.emplace(static_cast<unsigned int>(sqlite3_column_int64(statement, 0)),
-                  std::strtoull(reinterpret_cast<const char*>(sqlite3_column_text(statement, 1)),
-                                nullptr, 10));
-  }
-  sqlite3_finalize(statement);
-  return bytes;
-}
+using quillon::bench::BytesById;
 
 std::unordered_map<std::string, unsigned long long> ReadUsage(const std::string& socket,
                                                               const Json::Value& list) {
@@ -75,13 +50,11 @@ std::unordered_map<std::string, unsigned long long> ReadUsage(const std::string&
 }
 
 void Report(const std::string& world, Json::Value& list) {
-  const auto uids = ReadAccounts(world + "/passwd");
+  const auto uids = quillon::bench::ReadIds(world + "/passwd");
 
-  sqlite3* database = nullptr;
-  sqlite3_open((world + "/quota.db").c_str(), &database);
-  const Bytes limits = Select(database, "SELECT id, bytes FROM user_limit");
-  const Bytes warnings = Select(database, "SELECT id, bytes FROM user_warning");
-  sqlite3_close(database);
+  const auto [limits, warnings] = quillon::bench::SelectBytes(
+      world + "/quota.db",
+      {"SELECT id, bytes FROM user_limit", "SELECT id, bytes FROM user_warning"});
 
   const auto usage = ReadUsage(world + "/redis.sock", list);
 

@@ -28,9 +28,11 @@ namespace fs = std::filesystem;
 constexpr unsigned int kFirstUid = 100000;
 constexpr unsigned int kFirstOwnerlessUid = 3'000'000;
 
-std::vector<std::string> ReadNames(const std::string& folder) {
+constexpr unsigned int kFirstGid = 100000;
+
+std::vector<std::string> ReadNames(const std::string& folder, const char* list = "names") {
   std::vector<std::string> names;
-  std::ifstream file(folder + "/names");
+  std::ifstream file(folder + "/" + list);
   for (std::string name; std::getline(file, name);) {
     names.push_back(name);
   }
@@ -130,6 +132,40 @@ void FillStores(const std::string& folder) {
   const auto outcome = test::Run({"redis-cli", "-s", socket, "--pipe"}, commands);
   if (outcome.exit_code != 0) {
     throw std::runtime_error("redis-cli: " + outcome.output + outcome.error);
+  }
+}
+
+void MakeGroups(const std::string& folder, std::size_t groups) {
+  const std::vector<std::string> users = ReadNames(folder);
+  {
+    std::ofstream group(folder + "/group", std::ios::app);
+    std::ofstream list(folder + "/group-names");
+    unsigned int gid = kFirstGid;
+    for (const std::string& name : MakeNames(groups)) {
+      const std::size_t first = gid - kFirstGid;
+      group << fmt::format("{}:x:{}:{},{}\n", name, gid++, users[first % users.size()],
+                           users[(7 * first + 1) % users.size()]);
+      list << name << '\n';
+    }
+  }
+
+  platform::UseConfiguration(platform::LoadConfiguration(folder + "/mailserver.toml"));
+  const std::vector<std::string> names = ReadNames(folder, "group-names");
+  constexpr std::size_t kBatches = 200;
+  velamailserver::account::MailboxQuota store;
+  for (std::size_t batch = 0; batch < kBatches; ++batch) {
+    std::vector<velamailserver::velasdk::VelaGroup> teams;
+    for (std::size_t i = batch; i < names.size(); i += kBatches) {
+      teams.emplace_back(names[i]);
+    }
+    store.SetGroupQuotaLimit(teams, (batch + 1) << 26);
+    store.SetGroupQuotaWarning(teams, (batch + 1) << 25);
+  }
+}
+
+void MakeMaildirs(const std::string& folder) {
+  for (const std::string& name : ReadNames(folder)) {
+    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), 0, false);
   }
 }
 

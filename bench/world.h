@@ -17,6 +17,13 @@ void MakeHost(const std::string& folder, std::size_t users, const std::string& r
 /// Gives every user of the host a limit, a warning level and a usage.
 void FillStores(const std::string& folder);
 
+/// Gives the host `groups` groups besides, each with two of its users as members, a limit and a
+/// warning level, and writes the file "group-names" with the name of every one.
+void MakeGroups(const std::string& folder, std::size_t groups);
+
+/// Makes an empty mail directory for every user of the host.
+void MakeMaildirs(const std::string& folder);
+
 /// Gives every user of the host the same number of messages, `messages` in all. Their names carry
 /// their sizes or do not.
 void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes);
