@@ -45,6 +45,7 @@ constexpr int kStartedLine = 31;
 constexpr int kEndedLine = 37;
 constexpr int kReloadedLine = 43;
 constexpr int kNotReloadedLine = 47;
+constexpr int kAccountsNotReloadedLine = 49;
 constexpr int kStoppedLine = 53;
 constexpr int kHungLine = 59;
 constexpr int kNotStartedLine = 61;
@@ -375,7 +376,7 @@ void Supervisor::ReloadChangedAccounts() {
   try {
     SendSettings();
   } catch (const std::exception& error) {
-    maillog(LOG_ERR, "%s:%d accounts not reloaded: %s", kSourceFile, kNotReloadedLine,
+    maillog(LOG_ERR, "%s:%d accounts not reloaded: %s", kSourceFile, kAccountsNotReloadedLine,
             error.what());
   }
 }

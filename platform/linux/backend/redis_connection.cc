@@ -28,6 +28,7 @@ constexpr int kLogInFailedLine = 58;
 constexpr int kErrorReplyLine = 73;
 constexpr int kUnexpectedReplyLine = 80;
 constexpr int kSendFailedLine = 96;
+constexpr int kMalformedReplyLine = 104;
 constexpr int kReceiveFailedLine = 108;
 constexpr int kReplyTooLongLine = 112;
 constexpr int kTimeoutLine = 127;
@@ -211,7 +212,7 @@ RedisConnection::Reply RedisConnection::Receive() {
   while (true) {
     void* reply = nullptr;
     if (redisGetReplyFromReader(context_.get(), &reply) != REDIS_OK) {
-      Fail(kReceiveFailedLine, context_->err == REDIS_ERR_OOM ? kTooLong : context_->errstr);
+      Fail(kMalformedReplyLine, context_->err == REDIS_ERR_OOM ? kTooLong : context_->errstr);
     }
     if (reply != nullptr) {
       return Reply(static_cast<redisReply*>(reply));

@@ -18,7 +18,8 @@ namespace VELA {
 namespace {
 
 constexpr char kSourceFile[] = "platform/linux/cred/cred_request";
-constexpr int kNotMadeLine = 36;
+constexpr int kNotLoggedInLine = 36;
+constexpr int kNotMadeLine = 42;
 constexpr int kBadShapeLine = 71;
 
 }  // namespace
@@ -40,7 +41,7 @@ CredRequest* CredRequest::CreateWebAPIRequest(const _tag_vela_cred_* cred,
   try {
     auto request = std::make_unique<CredRequest>();
     if (session->token.IsEmpty() || !request->SetURL(quillon::platform::WebAPIURL(*cred))) {
-      maillog(3, "%s:%d no call of %s: not logged in to a host", kSourceFile, kNotMadeLine,
+      maillog(3, "%s:%d no call of %s: not logged in to a host", kSourceFile, kNotLoggedInLine,
               api.c_str());
       return nullptr;
     }

@@ -32,7 +32,9 @@ constexpr int kRootLine = 44;
 constexpr int kDomainLine = 51;
 constexpr int kFolderLine = 58;
 constexpr int kSubfolderLine = 71;
-constexpr int kReadLine = 84;
+constexpr int kOpenLine = 84;
+constexpr int kReadLine = 89;
+constexpr int kStatusLine = 96;
 
 constexpr std::array kSubfolders = {"cur", "new", "tmp"};
 
@@ -105,7 +107,7 @@ bool HasAllSubfolders(const FileDescriptor& folder, const std::string& path) {
 bool HasNothingButSubfolders(const FileDescriptor& folder, const std::string& path) {
   Directory directory(FileDescriptor(::openat(folder.Get(), ".", kReadFolder)));
   if (!directory.IsOpen()) {
-    Fail(kReadLine, path, velamailserver::ERR_SDK_FILE_ENUM_DIR);
+    Fail(kOpenLine, path, velamailserver::ERR_SDK_FILE_ENUM_DIR);
   }
   while (const dirent* entry = directory.Next()) {
     const std::string name = entry->d_name;
@@ -148,7 +150,7 @@ std::optional<Place> PlaceOf(std::string_view path, const std::string& root) {
 struct stat StatusOf(const FileDescriptor& folder, const std::string& path) {
   struct stat status {};
   if (::fstat(folder.Get(), &status) != 0) {
-    Fail(kFolderLine, path);
+    Fail(kStatusLine, path);
   }
   return status;
 }

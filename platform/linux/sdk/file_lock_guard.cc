@@ -22,7 +22,8 @@ constexpr char kSourceFile[] = "platform/linux/sdk/file_lock_guard";
 constexpr int kBadPathLine = 38;
 constexpr int kMakeFolderFailedLine = 50;
 constexpr int kOpenFolderFailedLine = 58;
-constexpr int kUnsafeFolderLine = 67;
+constexpr int kForeignFolderLine = 64;
+constexpr int kWritableFolderLine = 67;
 constexpr int kOpenFileFailedLine = 81;
 constexpr int kNotAFileLine = 88;
 constexpr int kLockFailedLine = 99;
@@ -61,10 +62,10 @@ FileDescriptor OpenFolder(const std::string& path) {
          IsLink(path) ? "is a link" : Reason(error) + (is_for_root ? " (root creates it)" : ""));
   }
   if (status.st_uid != 0) {
-    Fail(kUnsafeFolderLine, path, "is not owned by root");
+    Fail(kForeignFolderLine, path, "is not owned by root");
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    Fail(kUnsafeFolderLine, path, "may be written to by others than root");
+    Fail(kWritableFolderLine, path, "may be written to by others than root");
   }
   return folder;
 }
