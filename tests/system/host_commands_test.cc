@@ -184,6 +184,24 @@ TEST_F(HostCommandsTest, TakesThePasswordFromADescriptorAndLeavesTheRest) {
   EXPECT_THAT(outcome.output, HasSubstr("alice"));
 }
 
+TEST_F(HostCommandsTest, APasswordFileOfOthersIsNotUsed) {
+  Trust();
+  const std::string file = folder_ / "password";
+  EXPECT_EQ(There({"user", "list"}).exit_code, 0);
+  for (const auto mode : {0640, 0620, 0604, 0602}) {
+    std::filesystem::permissions(file, std::filesystem::perms(mode));
+    const Outcome outcome = There({"user", "list"});
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.error,
+              "quillonctl: " + file + ": others may read or write this file, it is not used\n");
+  }
+  std::filesystem::permissions(file, std::filesystem::perms(0600));
+  ASSERT_EQ(::chown(file.c_str(), 1001, 0), 0);
+  EXPECT_EQ(There({"user", "list"}).error,
+            "quillonctl: " + file + ": belongs to another user, it is not used\n");
+}
+
 TEST_F(HostCommandsTest, AsksForThePasswordOnceAndShowsNothingOfIt) {
   Trust();
   const Outcome outcome = Converse(
