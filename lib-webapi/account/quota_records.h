@@ -42,6 +42,8 @@ class RecordsByName {
   /// `name_of` answers the name for a record's id. The first of several records of one name wins.
   template <typename NameOf>
   RecordsByName(const std::vector<Record>& records, const NameOf& name_of);
+  RecordsByName(const RecordsByName&) = delete;  // it points into itself
+  RecordsByName& operator=(const RecordsByName&) = delete;
 
   /// Null when there is none. The quickest to find are those that are asked for in the order of the
   /// records: that is the order of the ids, and so as a rule that of a report's members. A record
