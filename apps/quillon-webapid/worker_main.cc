@@ -17,6 +17,7 @@
 #include <velamailserver/maillog.h>
 
 #include "descriptors.h"
+#include "handler_modules.h"
 #include "worker.h"
 
 namespace {
@@ -93,6 +94,9 @@ int main(int argc, char** argv) {
   try {
     configuration_file = argc > 1 ? argv[1] : "";
     UseConfigurationInForce();
+    // Before the package's own APIs, which they cannot replace therefore.
+    quillon::webapid::LoadHandlerModules(
+        quillon::platform::CurrentConfiguration()->web.handlers_folder);
     quillon::handlers::RegisterAll();
     quillon::webapid::Serve(quillon::webapid::kSupervisorSocket, reload_signal.Get(), BetweenCalls);
   } catch (const std::exception& error) {

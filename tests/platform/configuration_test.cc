@@ -60,7 +60,7 @@ TEST_F(ConfigurationFile, MayBeEmpty) {
   EXPECT_EQ(configuration.cluster.max_answer, 16777216);
   EXPECT_EQ(configuration.web.http_port, 0);
   EXPECT_EQ(configuration.web.https_port, 5001);
-  EXPECT_EQ(configuration.web.user, "nobody");
+  EXPECT_EQ(configuration.web.user, "quillon-web");
 }
 
 TEST_F(ConfigurationFile, SetsEveryKey) {
@@ -104,6 +104,7 @@ private_key = "/a/key.pem"
 state_folder = "/a/webapid"
 accounts_file = "/a/web-accounts"
 user = "web"
+handlers_folder = "/a/handlers"
 workers = 3
 max_body = 1024
 max_header = 2048
@@ -153,6 +154,7 @@ file = "/a/log"
   EXPECT_EQ(configuration.web.state_folder, "/a/webapid");
   EXPECT_EQ(configuration.web.accounts_file, "/a/web-accounts");
   EXPECT_EQ(configuration.web.user, "web");
+  EXPECT_EQ(configuration.web.handlers_folder, "/a/handlers");
   EXPECT_EQ(configuration.web.workers, 3);
   EXPECT_EQ(configuration.web.max_body, 1024);
   EXPECT_EQ(configuration.web.max_header, 2048);

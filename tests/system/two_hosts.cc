@@ -35,6 +35,7 @@ ClusterHost::ClusterHost(const std::string& name, const std::string& settings)
     : machine_(name), settings_(settings) {
   machine_.Write("/etc/passwd", fmt::format("root:x:0:0::/root:/bin/sh\n"
                                             "nobody:x:65534:65534::/nonexistent:/bin/false\n"
+                                            "quillon-web:x:998:998::/nonexistent:/bin/false\n"
                                             "alice:x:1001:100::/nonexistent:/bin/false\n"
                                             "{}-user:x:1002:100::/nonexistent:/bin/false\n",
                                             name));

@@ -101,6 +101,7 @@ http_port = {1}
 https_port = {2}
 state_folder = "{0}/state"
 accounts_file = "{0}/accounts"
+user = "nobody"
 {3}
 )",
                             folder_.path().string(), http_port_, https_port_, settings));

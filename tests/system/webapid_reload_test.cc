@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -91,7 +92,9 @@ TEST(WebapidReloadTest, KeepsItsConfigurationWhenTheNewOneIsBad) {
   ::kill(server.program().pid(), SIGHUP);
   EXPECT_TRUE(Eventually([&] { return Count(server.Log(), "not reloaded: ") == 1; }));
   EXPECT_EQ(server.Call(token, kNames).status, 200);
-  server.folder().Write("mailserver.toml", good + "user = \"root\"\n");
+  std::string unusable = good;
+  unusable.replace(unusable.find("nobody"), std::strlen("nobody"), "root");
+  server.folder().Write("mailserver.toml", unusable);
   ::kill(server.program().pid(), SIGHUP);
   EXPECT_TRUE(Eventually([&] { return Count(server.Log(), "not reloaded: ") == 2; }));
   EXPECT_EQ(server.Call(token, kNames).status, 200);

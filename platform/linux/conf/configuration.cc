@@ -236,6 +236,7 @@ Configuration Read(const std::string& path, const toml::table& document) {
                {"state_folder", r.Text(c.web.state_folder, ObjectToPath)},
                {"accounts_file", r.Text(c.web.accounts_file, ObjectToPath)},
                {"user", r.Text(c.web.user, ObjectToUser)},
+               {"handlers_folder", r.Text(c.web.handlers_folder, ObjectToOptionalPath)},
                {"workers", r.Number(c.web.workers, 1, 64)},
                {"max_body", r.Number(c.web.max_body, 1024, kLargestBody)},
                {"max_header", r.Number(c.web.max_header, 1024, 1048576)},

@@ -72,11 +72,13 @@ struct Configuration {
     std::string private_key;
     std::string state_folder = "/var/lib/quillon/webapid";    ///< what the server makes itself
     std::string accounts_file = "/etc/quillon/web-accounts";  ///< who may log in
-    std::string user = "nobody";                              ///< whom the front runs as
-    int workers = 2;                                          ///< calls at a time, 1 to 64
-    std::int64_t max_body = 8388608;                          ///< bytes of one request's body
-    int max_header = 16384;                                   ///< bytes of one request's headers
-    int max_connections = 1000;                               ///< of HTTP and HTTPS together
+    std::string user = "quillon-web";                         ///< whom the front runs as
+    /// Modules of handlers that the workers load besides the package's own APIs; empty: none.
+    std::string handlers_folder;
+    int workers = 2;                  ///< calls at a time, 1 to 64
+    std::int64_t max_body = 8388608;  ///< bytes of one request's body
+    int max_header = 16384;           ///< bytes of one request's headers
+    int max_connections = 1000;       ///< of HTTP and HTTPS together
     int max_connections_per_address = 100;
     int request_timeout = 300;    ///< seconds for a call to be answered
     int receive_timeout = 30;     ///< seconds for headers and body to arrive
