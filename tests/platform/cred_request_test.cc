@@ -149,9 +149,10 @@ TEST_F(CredRequestTest, FailsWhenTheHostIsSilentOrTooSlow) {
 
 TEST_F(CredRequestTest, WaitsWithoutLimitForATimeoutOfZero) {
   const ScriptedServer slow([](Conversation& client) {
-    client.Next();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    client.Answer("{}");
+    while (client.Next()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+      client.Answer("{}");
+    }
   });
   EXPECT_EQ(Call(slow.port(), "http", 0), "{}");
   EXPECT_EQ(Call(slow.port(), "http", std::numeric_limits<long>::max()), "{}");
@@ -444,6 +445,20 @@ TEST_F(CredRequestTest, KeepsItsConnections) {
   }
   EXPECT_EQ(plain.connections(), 1);
   EXPECT_EQ(tls.connections(), 1);
+}
+
+// There is nothing that it could be joined to, an earlier answer's last header least of all.
+TEST_F(CredRequestTest, SurvivesAnAnswerWhoseFirstHeaderIsFolded) {
+  const ScriptedServer server([](Conversation& host) {
+    for (bool is_folded = false; host.Next(); is_folded = true) {
+      host.Send(std::string("HTTP/1.1 200 OK\r\n") + (is_folded ? " : folded\r\n" : "") +
+                "Content-Length: 2\r\n\r\n{}");
+    }
+  });
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(Call(server.port()), "{}");
+    EXPECT_EQ(Call(server.port()), "");
+  }
 }
 
 TEST_F(CredRequestTest, MakesANewConnectionWhenTheOldOneIsGone) {

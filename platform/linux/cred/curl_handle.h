@@ -26,37 +26,36 @@ inline void CheckCurl(CURLcode code) {
   }
 }
 
-/// What the library allocates, with its own way of freeing it; null throws.
-template <auto* free, typename Thing>
-auto OwnCurl(Thing* thing) {
-  struct Free {
-    void operator()(Thing* owned) const { free(owned); }
-  };
-  if (thing == nullptr) {
-    throw CurlError(CURLE_OUT_OF_MEMORY);
-  }
-  return std::unique_ptr<Thing, Free>(thing);
-}
-
-/// A handle of the library that others used before, so that the connections which it keeps can be
-/// used again. Settings are those of a new one. For use by one thread.
+/// A transfer, over connections that earlier ones have left. For use by one thread.
+///
+/// Its handle is a new one each time. In a handle that was used before, 7.88 keeps a pointer to the
+/// last header of the answer before, whose memory is gone, and writes to it when the next answer
+/// begins with a folded header: any host could do that to us.
 class CurlHandle {
  public:
   CurlHandle();
   CurlHandle(const CurlHandle&) = delete;
   CurlHandle& operator=(const CurlHandle&) = delete;
-  /// Keeps the handle for the next one. What the settings point to must still be there.
+  /// What the settings point to must still be there.
   ~CurlHandle();
 
-  CURL* Get() const { return handle_; }
+  CURL* Get() const { return handle_.get(); }
 
   template <typename Value>
   void Set(CURLoption option, Value value) {
-    CheckCurl(::curl_easy_setopt(handle_, option, value));
+    CheckCurl(::curl_easy_setopt(Get(), option, value));
   }
 
+  /// Makes the transfer; once.
+  CURLcode Perform();
+
  private:
-  CURL* handle_;
+  struct Free {
+    void operator()(CURL* handle) const { ::curl_easy_cleanup(handle); }
+  };
+
+  CURLM* connections_;
+  std::unique_ptr<CURL, Free> handle_;
 };
 
 }  // namespace quillon::platform

@@ -135,7 +135,7 @@ class Conversation {
   Conversation& operator=(const Conversation&) = delete;
 
   Answer Run() {
-    const CURLcode code = ::curl_easy_perform(handle_.Get());
+    const CURLcode code = handle_.Perform();
     if (is_too_large_) {
       maillog(4, "%s:%d the answer of %s is larger than %zu bytes (cluster.max_answer)",
               kSourceFile, kTooLargeLine, endpoint_.Name().c_str(), most_bytes_);
@@ -318,7 +318,7 @@ class Conversation {
   Headers headers_;
   std::unique_ptr<UploadedFile> upload_;
   std::unique_ptr<curl_mime, decltype(&::curl_mime_free)> form_{nullptr, ::curl_mime_free};
-  // Last, so that it is reset while everything that it points to is still there.
+  // Last, so that it is gone while everything that it points to is still there.
   CurlHandle handle_;
 };
 

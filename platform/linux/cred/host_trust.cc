@@ -260,7 +260,7 @@ std::string FetchHostKey(const std::string& host, int port) {
     handle.Set(CURLOPT_FRESH_CONNECT, 1L);
     handle.Set(CURLOPT_FORBID_REUSE, 1L);
     handle.Set(CURLOPT_CONNECT_ONLY, 1L);
-    CheckCurl(::curl_easy_perform(handle.Get()));
+    CheckCurl(handle.Perform());
     return ShownKey(handle);
   } catch (const CurlError& failure) {
     throw HostTrustError(endpoint.Name() + ": " +

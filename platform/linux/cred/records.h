@@ -6,7 +6,7 @@
 #include <vela/cred.h>
 
 // The names are those of the interface.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): given
 
 struct _tag_vela_cred_ {
   std::string host;
@@ -20,4 +20,4 @@ struct _tag_vela_cred_sess_ {
   quillon::platform::Secret token;
 };
 
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
