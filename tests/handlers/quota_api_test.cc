@@ -203,6 +203,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadRow{"alice,2,1\n\xff,2,1", 2, nullptr, "the text is not UTF-8"},
         BadRow{"s\xc3,2,1", 1, nullptr, "the text is not UTF-8"},
         BadRow{"alice\xc0\x80,2,1", 1, nullptr, "the text is not UTF-8"},
+        BadRow{"alice\xed\xa0\x80,2,1", 1, nullptr, "the text is not UTF-8"},
         BadRow{"alice,2,1\nALICE,2,1\n", 2, "ALICE", "the same user as in row 1"},
         BadRow{"alice,2,1\rbob,2,1", 1, nullptr, kNoColumns}));
 
