@@ -34,6 +34,7 @@ Json::CharReaderBuilder Strict() {
 std::string ToText(const Json::Value& document) {
   static const std::unique_ptr<Json::StreamWriter> writer(OneLine().newStreamWriter());
   std::ostringstream text;
+  text.exceptions(std::ios::badbit);  // else it just ends where memory does
   writer->write(document, &text);
   return std::move(text).str();
 }

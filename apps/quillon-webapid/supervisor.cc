@@ -20,7 +20,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -73,12 +73,12 @@ void Kill(pid_t pid, int signal) {
 
 // A copy without a name, which nobody changes any more.
 FileDescriptor CopyOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
+  std::ifstream file(path, std::ios::binary);
+  // A stream that it is copied into would just end where memory does.
+  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   FileDescriptor copy(::memfd_create("configuration", MFD_CLOEXEC));
   if (!copy.IsOpen() || ::fchmod(copy.Get(), 0600) != 0 ||
-      ::write(copy.Get(), text.str().data(), text.str().size()) !=
-          static_cast<ssize_t>(text.str().size())) {
+      ::write(copy.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
     Fail("a copy of " + path);
   }
   return copy;

@@ -45,7 +45,7 @@ class Supervisor {
 
   // A worker whose front has ended.
   struct Leftover {
-    pid_t pid;
+    pid_t pid = 0;
     Clock::time_point kill_at;
   };
 
@@ -75,7 +75,7 @@ class Supervisor {
 
   std::string configuration_file_;
   platform::FileDescriptor configuration_text_;  // of the one in force; closed without a file
-  sigset_t former_signals_;
+  sigset_t former_signals_{};
   platform::FileDescriptor signals_;
   platform::FileDescriptor http_;
   platform::FileDescriptor https_;

@@ -5,7 +5,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <sstream>
 #include <system_error>
+#include <utility>
 
 #include <json/writer.h>
 
@@ -20,7 +23,10 @@ void WriteOutput(std::string_view text) {
 void WriteJson(const Json::Value& document) {
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
-  WriteOutput(Json::writeString(writer, document) + "\n");
+  std::ostringstream text;
+  text.exceptions(std::ios::badbit);  // else it just ends where memory does
+  std::unique_ptr<Json::StreamWriter>(writer.newStreamWriter())->write(document, &text);
+  WriteOutput(std::move(text).str() + "\n");
 }
 
 void WriteError(const std::string& message) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +21,7 @@
 #include "support/as_nobody.h"
 #include "support/own_process.h"
 #include "support/temporary_folder.h"
+#include "utils/indexed_file.h"
 
 namespace quillon::platform {
 
@@ -282,6 +284,27 @@ TEST_F(AppPrivileges, AreNotReadForEveryUserFromAFileThatCannotBeUsed) {
     EXPECT_FALSE(Has("alice"));
   }
   EXPECT_LT(Clock::now() - begin, 200 * once);
+}
+
+int slow_readings = 0;
+
+IndexedFile<int>::Reading FailSlowly(const std::string&) {
+  ++slow_readings;
+  std::this_thread::sleep_for(std::chrono::milliseconds(80));
+  throw std::runtime_error("not an index");
+}
+
+TEST_F(AppPrivileges, AreNotReadForEveryUserFromAFileThatTakesLongToFail) {
+  Write("nonsense\n");
+  IndexedFile<int> file(
+      [](const Configuration::Accounts& settings) -> const std::string& {
+        return settings.privileges_file;
+      },
+      FailSlowly);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THROW(file.Get(IndexedFile<int>::kRecent), std::runtime_error);
+  }
+  EXPECT_LT(slow_readings, 3);
 }
 
 TEST_F(AppPrivileges, AreReadByEverybodyAndChangedByRoot) {

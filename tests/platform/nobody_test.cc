@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
@@ -20,6 +21,7 @@
 
 #include <quillon/platform/configuration.h>
 
+#include "lib-webapi/allocations.h"
 #include "nss_quillontest.h"
 #include "support/own_mounts.h"
 #include "support/own_process.h"
@@ -230,6 +232,22 @@ TEST_F(Nobody, IsNotWhomANameServiceKnows) {
     test::name_service_answer = NameServiceAnswer::kFound;
     EXPECT_FALSE(IsNobody(kUnknown));
     EXPECT_FALSE(IsNobodyAskedAfresh(kUnknown));
+  });
+}
+
+TEST_F(Nobody, IsNotWhomAServiceKnowsThatThereIsNoMemoryToReadOf) {
+  CheckWithServices("[SUCCESS=return NOTFOUND=continue] files quillontest", [] {
+    test::name_service_answer = NameServiceAnswer::kFound;
+    int answers = 0;
+    for (int allocations = 0; allocations < 200; ++allocations) {
+      try {
+        const test::ExhaustedMemory memory(allocations);
+        EXPECT_FALSE(IsNobodyAskedAfresh(kUnknown)) << allocations;
+        ++answers;
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    EXPECT_GT(answers, 0);
   });
 }
 

@@ -254,6 +254,20 @@ TEST_F(UsageCacheTest, IsLeftAloneWhenItIsBroken) {
   }
 }
 
+// A writer that is killed leaves its changes in the log, and the file as it was.
+TEST_F(UsageCacheTest, IsReadAgainWhenOnlyItsLogHasChanged) {
+  StoreCachedUsage(Key("gone"), 1);
+  Close();
+  const std::string shared_memory = path_ + "-shm";
+  fs::create_symlink("elsewhere", shared_memory);  // which is not followed
+  EXPECT_EQ(FindCachedUsage(Key("gone")), std::nullopt);
+  fs::remove(shared_memory);
+  const std::string before = folder_.Read("cache.db");
+  test::InOwnProcess([] { StoreCachedUsage(Key("gone"), 2); });
+  ASSERT_EQ(folder_.Read("cache.db"), before);
+  EXPECT_THAT(FindCachedUsage(Key("gone")), Optional(2U));
+}
+
 TEST_F(UsageCacheTest, FollowsTheFileAndTheConfiguration) {
   StoreCachedUsage(Key("gone"), 1);
   Close();

@@ -50,13 +50,16 @@ void AddLine(std::string line, Services& services) {
     return;
   }
   std::string database;
-  std::istringstream(line.substr(0, colon)) >> database;
+  std::istringstream first(line.substr(0, colon));
+  first.exceptions(std::ios::badbit);
+  first >> database;
   bool is_action = false;
   for (char& c : line) {
     is_action = c == '[' || (is_action && c != ']');
     c = is_action || c == ']' ? ' ' : c;
   }
   std::istringstream names(line.substr(colon + 1));
+  names.exceptions(std::ios::badbit);
   std::vector<std::string>& all = services[database];
   for (std::string name; names >> name;) {
     if (name != "files") {
@@ -68,6 +71,8 @@ void AddLine(std::string line, Services& services) {
 Services ReadServices() {
   Services services;
   std::istringstream text(ReadFileText(kSwitchFile, kLargestSwitchFile).text);
+  // Else it just ends where memory does, and a service that is not asked knows of nobody.
+  text.exceptions(std::ios::badbit);
   for (std::string line; std::getline(text, line);) {
     AddLine(line, services);
   }
@@ -232,7 +237,7 @@ void AddGidsByWalking(const std::string& service, const std::string& user, Gids&
   if (walk == walks.end() || Clock::now() - walk->second.ended_at > kKept) {
     GidsByUser gids_of;
     WalkGroups(service, [&](const struct group& group) {
-      for (char** member = group.gr_mem; *member != nullptr; ++member) {
+      for (char* const* member = group.gr_mem; *member != nullptr; ++member) {
         gids_of[*member].push_back(group.gr_gid);
       }
     });
@@ -270,7 +275,7 @@ bool IsUnknownToNameServices(std::uint32_t uid) {
 
 std::vector<std::uint32_t> ListGidsOfNameServices(const std::string& user) {
   const auto services = ListServices();
-  const bool has_line = services->find("initgroups") != services->end();
+  const bool has_line = services->contains("initgroups");
   Gids gids;
   for (const std::string& service : ServicesFor(*services, has_line ? "initgroups" : "group")) {
     AddGidsOf(service, user, gids);

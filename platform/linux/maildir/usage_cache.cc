@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include <fmt/format.h>
 #include <soci/soci.h>
@@ -246,14 +247,19 @@ class FailedReads {
  private:
   using Clock = std::chrono::steady_clock;
 
-  static FileState StateOf(const std::string& path) {
-    struct stat status {};
-    ::lstat(path.c_str(), &status);
-    return FileState(status);
+  // Of the cache and of its log, in which changes may lie for long.
+  using State = std::pair<FileState, FileState>;
+
+  static State StateOf(const std::string& path) {
+    struct stat cache {};
+    struct stat log {};
+    ::lstat(path.c_str(), &cache);
+    ::lstat((path + "-wal").c_str(), &log);
+    return {FileState(cache), FileState(log)};
   }
 
   std::mutex mutex_;
-  FileState state_{{}};
+  State state_{FileState({}), FileState({})};
   Clock::time_point until_;
 };
 

@@ -8,6 +8,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include <quillon/platform/configuration.h>
@@ -67,7 +68,7 @@ class IndexedFile {
   struct Failure {
     std::exception_ptr error;
     FileState state;
-    uid_t uid;
+    uid_t uid = 0;
   };
 
   // All zeros for no file.
@@ -89,8 +90,12 @@ class IndexedFile {
     try {
       reading_ = read_(path);
       failure_.error = nullptr;
+    } catch (const std::bad_alloc&) {
+      failure_.error = nullptr;  // it is not the file's, and may be over already
+      throw;
     } catch (...) {
       failure_ = {std::current_exception(), state, ::geteuid()};
+      looked_at_ = std::chrono::steady_clock::now();  // reading may have taken longer than that
       throw;
     }
   }
