@@ -102,6 +102,8 @@ TEST_F(MaildirLookup, FindsNothingWhereNothingIs) {
 }
 
 TEST_F(MaildirLookup, NeedsTheThreeFolders) {
+  MakeMaildir(alice_);
+  std::ofstream(alice_ + "/index").close();
   for (const char* missing : {"/cur", "/new", "/tmp"}) {
     MakeMaildir(alice_);
     fs::remove(alice_ + missing);
@@ -115,6 +117,14 @@ TEST_F(MaildirLookup, NeedsTheThreeFolders) {
   }
   MakeMaildir(alice_);
   EXPECT_TRUE(Maildir(2001).flag);
+}
+
+TEST_F(MaildirLookup, FindsWhatARemovalThatWasCutShortHasLeft) {
+  MakeMaildir(alice_);
+  for (const char* next : {"/tmp", "/new", "/cur"}) {
+    fs::remove(alice_ + next);
+    EXPECT_TRUE(Maildir(2001).flag) << next;
+  }
 }
 
 TEST_F(MaildirLookup, FollowsNoLinkBelowTheRoot) {

@@ -122,6 +122,10 @@ bool HasNothingButSubfolders(const FileDescriptor& folder, const std::string& pa
   return true;
 }
 
+bool IsMaildir(const FileDescriptor& folder, const std::string& path) {
+  return HasAllSubfolders(folder, path) || HasNothingButSubfolders(folder, path);
+}
+
 // The two names that a path has below the root, if it has nothing else.
 struct Place {
   std::string domain;
@@ -202,7 +206,7 @@ FileDescriptor OpenMaildir(const std::string& account) {
   }
   const std::string path = MaildirPath(account);
   FileDescriptor folder = OpenFolderIfAny(domain, account, path);
-  return folder.IsOpen() && HasAllSubfolders(folder, path) ? std::move(folder) : FileDescriptor();
+  return folder.IsOpen() && IsMaildir(folder, path) ? std::move(folder) : FileDescriptor();
 }
 
 MaildirAt OpenMaildirAt(const std::string& path) {
@@ -221,7 +225,7 @@ MaildirAt OpenMaildirAt(const std::string& path) {
     maildir.state = errno == ENOENT ? MaildirAt::kAbsent : MaildirAt::kNone;
     return maildir;
   }
-  if (!HasAllSubfolders(folder, path) && !HasNothingButSubfolders(folder, path)) {
+  if (!IsMaildir(folder, path)) {
     return maildir;
   }
   const struct stat status = StatusOf(folder, path);

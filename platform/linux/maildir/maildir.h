@@ -24,9 +24,11 @@ std::string MaildirPath(const std::string& account);
 
 /// Opens an account's mail directory for looking things up in it (O_PATH), without following a link
 /// below the maildir root. The answer holds nothing when there is no mail directory: nothing of the
-/// name, not a folder, or no folders "cur", "new" and "tmp" in it; nor when the domain has no
-/// folder yet. Throws `LogException` with `ERR_LSTAT_FILE`, naming the path, when that cannot be
-/// found out, and when the maildir root is missing or the domain's folder is a link or no folder.
+/// name, not a folder, or neither the folders "cur", "new" and "tmp" in it nor nothing but folders
+/// of these names, as a removal that was cut short leaves it; nor when the domain has no folder
+/// yet. Throws `LogException` with `ERR_LSTAT_FILE` or `ERR_SDK_FILE_ENUM_DIR`, naming the path,
+/// when that cannot be found out, and when the maildir root is missing or the domain's folder is a
+/// link or no folder.
 FileDescriptor OpenMaildir(const std::string& account);
 
 /// What is at a path that may be that of a mail directory.

@@ -30,10 +30,11 @@ class BaseMaildir {
 class Maildir : public BaseMaildir {
  public:
   /// Looks up the directory of the user with this uid. The flag is set only for a real directory,
-  /// not a link, that looks like a maildir. Throws `LogException`: with `ERR_SDK_USER_GET_BY_UID`
-  /// when no user has the uid, with `ERR_LSTAT_FILE` when the disk cannot tell: a directory cannot
-  /// be looked into, or there is no maildir root. Safe for use from several threads.
-  explicit Maildir(unsigned int uid);
+  /// not a link, that looks like a maildir, or like what a removal that was cut short has left of
+  /// one. Throws `LogException`: with `ERR_SDK_USER_GET_BY_UID` when no user has the uid, with
+  /// `ERR_LSTAT_FILE` or `ERR_SDK_FILE_ENUM_DIR` when the disk cannot tell: a directory cannot be
+  /// looked into, or there is no maildir root. Safe for use from several threads.
+  explicit Maildir(unsigned int user_id);
 };
 
 }  // namespace velamailserver::account
