@@ -13,7 +13,9 @@
 namespace quillon::platform {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 class ConfigurationFile : public testing::Test {
@@ -85,6 +87,9 @@ busy_timeout = 3600
 host = "::1"
 port = 65535
 socket = "/a/redis.sock"
+sentinels = []
+sentinel_master = "mail"
+sentinel_password = "hush"
 password = "secret"
 database = 3
 connect_timeout = 1
@@ -137,6 +142,9 @@ file = "/a/log"
   EXPECT_EQ(configuration.usage.host, "::1");
   EXPECT_EQ(configuration.usage.port, 65535);
   EXPECT_EQ(configuration.usage.socket, "/a/redis.sock");
+  EXPECT_TRUE(configuration.usage.sentinels.empty());
+  EXPECT_EQ(configuration.usage.sentinel_master, "mail");
+  EXPECT_EQ(configuration.usage.sentinel_password, "hush");
   EXPECT_EQ(configuration.usage.password, "secret");
   EXPECT_EQ(configuration.usage.database, 3);
   EXPECT_EQ(configuration.usage.connect_timeout, 1);
@@ -175,6 +183,9 @@ TEST_F(ConfigurationFile, RefusesUnknownKeys) {
             At(3, "accounts.paswd_file: unknown key"));
   EXPECT_EQ(FailureOf("[acounts]\n"), At(1, "acounts: unknown key"));
   EXPECT_EQ(FailureOf("passwd_file = \"/a\"\n"), At(1, "passwd_file: unknown key"));
+  EXPECT_THAT(FailureOf("[cluster]\nallow_http = fals\n"), Not(HasSubstr("\n")));
+  EXPECT_EQ(FailureOf("[log]\n\"tar\\nget\\u001b[2J\" = 1\n"),
+            At(2, "log.tar\\nget\\x1b[2J: unknown key"));
 }
 
 TEST_F(ConfigurationFile, RefusesHalfACertificateAndAFrontThatIsRoot) {
@@ -184,6 +195,18 @@ TEST_F(ConfigurationFile, RefusesHalfACertificateAndAFrontThatIsRoot) {
             At(2, "web.private_key: a certificate and its private key are set together"));
   EXPECT_EQ(FailureOf("[web]\nuser = \"root\"\n"),
             At(2, "web.user: must be the name of an account without rights"));
+}
+
+TEST_F(ConfigurationFile, NamesTheUsageStoreOrItsSentinels) {
+  const std::string sentinels = "[usage]\nsentinels = [\"a:26379\", \"[::1]:26380\"]\n";
+  EXPECT_THAT(Load(sentinels + "socket = \"\"\n").usage.sentinels,
+              ElementsAre("a:26379", "[::1]:26380"));
+  for (const char* setting : {"host = \"127.0.0.1\"", "port = 6379", "socket = \"/a\""}) {
+    const std::string key(setting, std::string(setting).find(' '));
+    EXPECT_EQ(FailureOf(sentinels + setting + "\n"),
+              At(3, "usage." + key +
+                        ": must not be set with usage.sentinels, which say where the server is"));
+  }
 }
 
 TEST_F(ConfigurationFile, RefusesWrongTypes) {
@@ -217,6 +240,7 @@ TEST_P(Impossible, ValueIsRefused) {
 constexpr char kNoPath[] = "must be an absolute path";
 constexpr char kNoFolder[] = "must be the name of one folder";
 constexpr char kNoStore[] = "must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL";
+constexpr char kNoSentinel[] = "must be HOST:PORT, or [ADDRESS]:PORT of IPv6";
 constexpr char kNoTemplate[] = "must hold {name} exactly once";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -253,6 +277,19 @@ INSTANTIATE_TEST_SUITE_P(
         ImpossibleValue{"usage", "port = 0", "must be from 1 to 65535"},
         ImpossibleValue{"usage", "port = 65536", "must be from 1 to 65535"},
         ImpossibleValue{"usage", "socket = 'redis.sock'", kNoPath},
+        ImpossibleValue{"usage", "sentinels = 'a:1'", "must be an array of strings"},
+        ImpossibleValue{"usage", "sentinels = [26379]", "must be a string"},
+        ImpossibleValue{"usage", "sentinels = ['a:1', 'b']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = [':26379']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['a:0']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['a:65536']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['a:1x']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['::1:26379']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['[::1]']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['[]:26379']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinels = ['[a]:26379']", kNoSentinel},
+        ImpossibleValue{"usage", "sentinel_master = ''", "must not be empty"},
         ImpossibleValue{"usage", "database = -1", "must be from 0 to 2147483647"},
         ImpossibleValue{"usage", "connect_timeout = 3601", "must be from 1 to 3600"},
         ImpossibleValue{"usage", "command_timeout = 0", "must be from 1 to 3600"},

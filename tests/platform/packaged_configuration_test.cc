@@ -28,8 +28,8 @@ auto Members(const Configuration::Quota& table) {
   return std::make_tuple(a, b);
 }
 auto Members(const Configuration::Usage& table) {
-  const auto& [a, b, c, d, e, f, g, h] = table;
-  return std::make_tuple(a, b, c, d, e, f, g, h);
+  const auto& [a, b, c, d, e, f, g, h, i, j, k] = table;
+  return std::make_tuple(a, b, c, d, e, f, g, h, i, j, k);
 }
 auto Members(const Configuration::Cluster& table) {
   const auto& [a, b, c, d] = table;

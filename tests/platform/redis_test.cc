@@ -1,11 +1,8 @@
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -14,7 +11,6 @@
 #include <memory>
 #include <new>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -24,10 +20,10 @@
 
 #include <quillon/backend/quota_redis_client.h>
 #include <quillon/platform/configuration.h>
-#include <velamailserver/log_exception.h>
 
 #include "backend/redis_connection.h"
 #include "backend/usage_writer.h"
+#include "scripted_redis.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
 
@@ -44,7 +40,6 @@ using testing::Lt;
 using testing::Not;
 using testing::Pair;
 using testing::UnorderedElementsAre;
-using velamailserver::LogException;
 
 using Names = std::vector<std::string>;
 
@@ -52,70 +47,6 @@ double Seconds(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
   work();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-// The text of the one exception that `work` must end with.
-std::string Failure(const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const LogException& error) {
-    EXPECT_EQ(error.code(), velamailserver::ERR_BAD_DB_SESSION);
-    return error.what();
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return "";
-}
-
-// A server that accepts connections and does with each of them what the test says.
-class ScriptedServer {
- public:
-  ScriptedServer(const std::string& path, const std::function<void(int)>& script)
-      : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(listener_, 8) != 0) {
-      throw std::system_error(errno, std::generic_category(), path);
-    }
-    thread_ = std::thread([this, script] {
-      while ((peer_ = ::accept(listener_, nullptr, nullptr)) >= 0) {
-        script(peer_);
-        ::close(peer_.exchange(-1));
-      }
-    });
-  }
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
-  ~ScriptedServer() {
-    ::shutdown(listener_, SHUT_RDWR);
-    ::shutdown(peer_, SHUT_RDWR);
-    thread_.join();
-    ::close(listener_);
-  }
-
- private:
-  int listener_;
-  std::atomic<int> peer_ = -1;
-  std::thread thread_;
-};
-
-bool Write(int peer, const std::string& text) {
-  return ::send(peer, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
-}
-
-void ReadSomething(int peer) {
-  std::array<char, 65536> request{};
-  static_cast<void>(::read(peer, request.data(), request.size()));
-}
-
-// Answers the first request with `answer` and waits for the client to leave.
-std::function<void(int)> Answering(const std::string& answer) {
-  return [answer](int peer) {
-    ReadSomething(peer);
-    Write(peer, answer);
-    ReadSomething(peer);
-  };
 }
 
 // No server yet: a configuration that points to a socket in the test's folder, and the mail log.
@@ -182,8 +113,8 @@ TEST_F(UsageStore, DoesNotUseAnotherSocketWhenThePathIsTooLong) {
   const std::string directory = folder_ / std::string(150 - folder_.path().native().size(), 'd');
   configuration_.usage.socket = directory + "/redis.sock";
   platform::UseConfiguration(configuration_);
-  const ScriptedServer server(directory.substr(0, sizeof(sockaddr_un::sun_path) - 1),
-                              Answering("*1\r\n$1\r\n1\r\n"));
+  const ScriptedRedis server(directory.substr(0, sizeof(sockaddr_un::sun_path) - 1),
+                             Answering("*1\r\n$1\r\n1\r\n"));
 
   EXPECT_THAT(Failure([this] { client_.ListUsage({"alice"}); }), HasSubstr("too long"));
 }
@@ -191,7 +122,7 @@ TEST_F(UsageStore, DoesNotUseAnotherSocketWhenThePathIsTooLong) {
 class BrokenServer : public UsageStore, public testing::WithParamInterface<std::string> {};
 
 TEST_P(BrokenServer, IsOneExceptionThatNamesIt) {
-  const ScriptedServer server(configuration_.usage.socket, Answering(GetParam()));
+  const ScriptedRedis server(configuration_.usage.socket, Answering(GetParam()));
 
   for (int i = 0; i < 2; ++i) {  // with a new connection each time
     EXPECT_THAT(Failure([this] { client_.ListUsage({"alice"}); }),
@@ -202,7 +133,7 @@ TEST_P(BrokenServer, IsOneExceptionThatNamesIt) {
 }
 
 TEST_P(BrokenServer, IsFalseForADeletion) {
-  const ScriptedServer server(configuration_.usage.socket, Answering(GetParam()));
+  const ScriptedRedis server(configuration_.usage.socket, Answering(GetParam()));
 
   EXPECT_FALSE(client_.DeleteUsage({"alice"}));
   EXPECT_THAT(Log(), HasSubstr("usage store " + configuration_.usage.socket + ": "));
@@ -219,21 +150,21 @@ INSTANTIATE_TEST_SUITE_P(Answers, BrokenServer,
                                          "-LOADING Redis is loading the dataset in memory\r\n"));
 
 TEST_F(UsageStore, SaysWhatTheServerSaid) {
-  const ScriptedServer server(configuration_.usage.socket,
-                              Answering("-LOADING Redis is loading the dataset in memory\r\n"));
+  const ScriptedRedis server(configuration_.usage.socket,
+                             Answering("-LOADING Redis is loading the dataset in memory\r\n"));
   EXPECT_THAT(Failure([this] { client_.ListUsage({"alice"}); }),
               HasSubstr(": LOADING Redis is loading the dataset in memory"));
 }
 
 TEST_F(UsageStore, TakesNoIntegerForAList) {
-  const ScriptedServer server(configuration_.usage.socket, Answering(":1\r\n"));
+  const ScriptedRedis server(configuration_.usage.socket, Answering(":1\r\n"));
   EXPECT_THAT(Failure([this] { client_.ListUsage({"alice"}); }), HasSubstr("not what was asked"));
   EXPECT_TRUE(client_.DeleteUsage({"alice"}));
 }
 
 TEST_F(UsageStore, GivesUpOnAServerThatTricklesItsAnswer) {
   std::atomic<bool> is_over = false;
-  const ScriptedServer server(configuration_.usage.socket, [&is_over](int peer) {
+  const ScriptedRedis server(configuration_.usage.socket, [&is_over](int peer) {
     Write(peer, "*1\r\n$1000000\r\n");
     while (!is_over && Write(peer, "1")) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -251,7 +182,7 @@ TEST_F(UsageStore, GivesUpOnAnAnswerWithoutEnd) {
   std::atomic<bool> is_over = false;
   configuration_.usage.command_timeout = 20;
   platform::UseConfiguration(configuration_);
-  const ScriptedServer server(configuration_.usage.socket, [&is_over](int peer) {
+  const ScriptedRedis server(configuration_.usage.socket, [&is_over](int peer) {
     Write(peer, "*1\r\n$500000000\r\n");
     const std::string much(1 << 20, '1');
     while (!is_over && Write(peer, much)) {
@@ -263,14 +194,14 @@ TEST_F(UsageStore, GivesUpOnAnAnswerWithoutEnd) {
 }
 
 TEST_F(UsageStore, SetsNoMemoryAsideForAnAnswerThatIsOnlyAnnounced) {
-  const ScriptedServer server(configuration_.usage.socket, Answering("*2147483647\r\n"));
+  const ScriptedRedis server(configuration_.usage.socket, Answering("*2147483647\r\n"));
   EXPECT_THAT(Failure([this] { client_.ListUsage({"alice"}); }), HasSubstr("too long"));
 }
 
 TEST_F(UsageStore, KeepsThePasswordToItself) {
   configuration_.usage.password = "open sesame";
   platform::UseConfiguration(configuration_);
-  const ScriptedServer server(
+  const ScriptedRedis server(
       configuration_.usage.socket,
       Answering("-ERR unknown command 'AUTH', with args beginning with: 'open sesame'\r\n"));
 
@@ -283,7 +214,7 @@ TEST_F(UsageStore, KeepsThePasswordToItself) {
 // The test's process dies with SIGPIPE otherwise.
 TEST_F(UsageStore, OutlivesAServerThatLeavesInTheMiddleOfARequest) {
   std::signal(SIGPIPE, SIG_DFL);
-  const ScriptedServer server(configuration_.usage.socket, ReadSomething);
+  const ScriptedRedis server(configuration_.usage.socket, ReadSomething);
   const Names names(100000, "alice");
   std::vector<platform::CountedUsage> figures(100000, {"alice", 1});
 

@@ -17,6 +17,7 @@ class RedisServer {
   struct Options {
     std::string password;  ///< empty: none is needed
     bool tcp = false;
+    int replica_of = 0;  ///< the port of another server, with the same password; 0: a master
   };
 
   RedisServer() : RedisServer(Options()) {}
@@ -45,8 +46,51 @@ class RedisServer {
   void WaitUntilItAnswers();
 
   TemporaryFolder folder_;
+  Options options_;
+  int port_;
+  std::unique_ptr<BackgroundProgram> program_;
+};
+
+/// A Redis Sentinel of the test's own, on a port of 127.0.0.1 (and of ::1, if there is one). It
+/// calls the server that it watches over "mail", and takes it for dead after 200 ms. It knows all
+/// replicas when the constructor returns.
+class RedisSentinel {
+ public:
+  struct Options {
+    std::string password;         ///< the sentinel's own; empty: none is needed
+    std::string master_password;  ///< empty: none is needed
+    int replicas = 0;             ///< how many the master has
+  };
+
+  explicit RedisSentinel(int master_port) : RedisSentinel(master_port, Options()) {}
+  RedisSentinel(int master_port, const Options& options);
+
+  int port() const { return port_; }
+  /// HOST:PORT.
+  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+  void Stop() { program_->Stop(); }
+  void Freeze() const { program_->Freeze(); }
+  void Thaw() const { program_->Thaw(); }
+
+ private:
+  void WaitUntilItKnows(int replicas);
+
+  TemporaryFolder folder_;
   std::string password_;
   int port_;
+  std::unique_ptr<BackgroundProgram> program_;
+};
+
+/// The sharding proxy nutcracker in front of servers on ports of 127.0.0.1, on a unix socket.
+class RedisProxy {
+ public:
+  explicit RedisProxy(const std::vector<int>& ports);
+
+  std::string socket() const { return folder_ / "proxy.sock"; }
+
+ private:
+  TemporaryFolder folder_;
   std::unique_ptr<BackgroundProgram> program_;
 };
 

@@ -50,13 +50,14 @@ void LogWrongTypes(RedisConnection& connection, const UsageKeys& keys,
 }
 
 // MGET does not tell a key of another type from a missing one. Nearly all are missing, so a whole
-// chunk is asked about at once, and only one in which something exists key by key.
+// chunk is asked about at once, and only one in which something exists key by key. TOUCH counts as
+// EXISTS does, which some sharding proxies send to one server only.
 void ReportWrongTypes(RedisConnection& connection, const UsageKeys& keys,
                       const std::vector<std::string_view>& absent) {
   std::vector<std::string_view> suspects;
   connection.Exchange(
       ChunkCount(absent.size()),
-      [&](std::size_t i) { return keys.Command("EXISTS", Chunk(absent, i)); },
+      [&](std::size_t i) { return keys.Command("TOUCH", Chunk(absent, i)); },
       [&](std::size_t i, const redisReply& reply) {
         if (reply.type != REDIS_REPLY_INTEGER) {
           connection.FailUnexpectedReply();

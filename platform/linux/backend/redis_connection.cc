@@ -84,9 +84,13 @@ const platform::Configuration::Usage& RedisConnection::Open() {
   auto configuration = platform::CurrentConfiguration();
   if (configuration != configuration_ || !IsAlive()) {
     configuration_ = std::move(configuration);
-    Connect();
-    LogIn();
-    SelectDatabase();
+    try {
+      Begin();
+    } catch (...) {
+      context_.reset();  // it may be a sentinel's
+      trial_end_.reset();
+      throw;
+    }
   }
   return configuration_->usage;
 }
@@ -98,11 +102,7 @@ void RedisConnection::Exchange(std::size_t count, const MakeCommand& make, const
       for (; sent < count && sent < answered + kCommandsInFlight; ++sent) {
         Send(make(sent));
       }
-      const Reply reply = Receive();
-      if (reply->type == REDIS_REPLY_ERROR) {
-        Fail(kErrorReplyLine, std::string(reply->str, std::min(reply->len, kLongestErrorText)));
-      }
-      take(answered, *reply);
+      take(answered, *ReceiveResult());
     }
   } catch (...) {
     context_.reset();  // the next command would be given the answers that are left
@@ -116,12 +116,11 @@ void RedisConnection::FailUnexpectedReply() {
 
 std::string RedisConnection::ServerName() const {
   const platform::Configuration::Usage& usage = configuration_->usage;
-  if (!usage.socket.empty()) {
-    return usage.socket;
+  if (!usage.sentinels.empty()) {
+    return fmt::format("{}{} (sentinels {})", usage.sentinel_master,
+                       master_.empty() ? "" : " at " + master_, fmt::join(usage.sentinels, ", "));
   }
-  const bool is_ipv6 = usage.host.find(':') != std::string::npos;
-  const std::string host = is_ipv6 ? "[" + usage.host + "]" : usage.host;
-  return fmt::format("{}:{}", host, usage.port);
+  return usage.socket.empty() ? platform::HostPort{usage.host, usage.port}.Text() : usage.socket;
 }
 
 // Between two operations the server has nothing to say: whatever can be read is its farewell.
@@ -133,16 +132,35 @@ bool RedisConnection::IsAlive() const {
   return ::poll(&socket, 1, 0) == 0;
 }
 
+void RedisConnection::Begin() {
+  if (configuration_->usage.sentinels.empty()) {
+    Connect();
+    LogIn(configuration_->usage.password);
+  } else {
+    FindMaster();
+  }
+  SelectDatabase();
+}
+
 void RedisConnection::Connect() {
   const platform::Configuration::Usage& usage = configuration_->usage;
+  if (usage.socket.empty()) {
+    Connect({usage.host, usage.port});
+    return;
+  }
   // hiredis would cut it and use what lies there.
   if (usage.socket.size() >= sizeof(sockaddr_un::sun_path)) {
     Fail(kPathTooLongLine, "the path is too long for a socket");
   }
-  const timeval timeout = {usage.connect_timeout, 0};
-  context_.reset(usage.socket.empty()
-                     ? redisConnectWithTimeout(usage.host.c_str(), usage.port, timeout)
-                     : redisConnectUnixWithTimeout(usage.socket.c_str(), timeout));
+  UseContext(redisConnectUnixWithTimeout(usage.socket.c_str(), ConnectTimeout()));
+}
+
+void RedisConnection::Connect(const platform::HostPort& server) {
+  UseContext(redisConnectWithTimeout(server.host.c_str(), server.port, ConnectTimeout()));
+}
+
+void RedisConnection::UseContext(redisContext* context) {
+  context_.reset(context);
   if (!context_) {
     throw std::bad_alloc();
   }
@@ -154,12 +172,12 @@ void RedisConnection::Connect() {
   context_->reader->fn = &bounded;
 }
 
-void RedisConnection::LogIn() {
-  if (configuration_->usage.password.empty()) {
+void RedisConnection::LogIn(const std::string& password) {
+  if (password.empty()) {
     return;
   }
   RedisCommand command("AUTH");
-  command.Add({configuration_->usage.password});
+  command.Add({password});
   Send(command);
   const Reply reply = Receive();
   if (reply->type == REDIS_REPLY_ERROR) {
@@ -175,14 +193,10 @@ void RedisConnection::SelectDatabase() {
   if (configuration_->usage.database == 0) {
     return;
   }
-  Exchange(
-      1,
-      [this](std::size_t) {
-        RedisCommand command("SELECT");
-        command.Add({std::to_string(configuration_->usage.database)});
-        return command;
-      },
-      [](std::size_t, const redisReply&) {});
+  RedisCommand command("SELECT");
+  command.Add({std::to_string(configuration_->usage.database)});
+  Send(command);
+  ReceiveResult(" when asked for usage.database: a sharding proxy has only database 0");
 }
 
 // Not by hiredis: its write() ends the process with SIGPIPE when the server has gone.
@@ -205,7 +219,15 @@ void RedisConnection::Send(const RedisCommand& command) {
   }
 }
 
-RedisConnection::Reply RedisConnection::Receive() {
+RedisConnection::Reply RedisConnection::ReceiveResult(const char* when_closed) {
+  Reply reply = Receive(when_closed);
+  if (reply->type == REDIS_REPLY_ERROR) {
+    Fail(kErrorReplyLine, std::string(reply->str, std::min(reply->len, kLongestErrorText)));
+  }
+  return reply;
+}
+
+RedisConnection::Reply RedisConnection::Receive(const char* when_closed) {
   const Clock::time_point deadline = Deadline();
   const redisReader& reader = *context_->reader;
   std::size_t received = 0;
@@ -223,14 +245,27 @@ RedisConnection::Reply RedisConnection::Receive() {
     Await(POLLIN, deadline);
     const std::size_t before = reader.len;
     if (redisBufferRead(context_.get()) != REDIS_OK) {
-      Fail(kReceiveFailedLine, context_->errstr);
+      const char* further = context_->err == REDIS_ERR_EOF ? when_closed : "";
+      Fail(kReceiveFailedLine, fmt::format("{}{}", context_->errstr, further));
     }
     received += reader.len - before;
   }
 }
 
 RedisConnection::Clock::time_point RedisConnection::Deadline() const {
-  return Clock::now() + std::chrono::seconds(configuration_->usage.command_timeout);
+  const std::chrono::seconds most(configuration_->usage.command_timeout);
+  return trial_end_ ? *trial_end_ : Clock::now() + most;
+}
+
+// hiredis takes a negative time-out for the longest there is.
+timeval RedisConnection::ConnectTimeout() const {
+  if (!trial_end_) {
+    return {configuration_->usage.connect_timeout, 0};
+  }
+  using std::chrono::microseconds;
+  const auto left = std::chrono::ceil<microseconds>(*trial_end_ - Clock::now());
+  const auto timeout = std::max(left, microseconds(1000)).count();
+  return {timeout / 1000000, timeout % 1000000};
 }
 
 // A deadline that has passed is a failure even when there is something to read: the time-out of a
@@ -239,8 +274,7 @@ void RedisConnection::Await(short events, Clock::time_point deadline) {
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {
-      Fail(kTimeoutLine,
-           fmt::format("no complete answer within {} s", configuration_->usage.command_timeout));
+      FailTimeout();
     }
     pollfd socket = {context_->fd, events, 0};
     if (::poll(&socket, 1, static_cast<int>(left.count())) > 0) {
@@ -249,7 +283,18 @@ void RedisConnection::Await(short events, Clock::time_point deadline) {
   }
 }
 
+void RedisConnection::FailTimeout() {
+  if (trial_end_) {
+    throw TrialFailure("no complete answer in time");
+  }
+  Fail(kTimeoutLine,
+       fmt::format("no complete answer within {} s", configuration_->usage.command_timeout));
+}
+
 void RedisConnection::Fail(int line, const std::string& reason) {
+  if (trial_end_) {
+    throw TrialFailure(reason);
+  }
   context_.reset();
   throw LogException(velamailserver::ERR_BAD_DB_SESSION,
                      fmt::format("usage store {}: {}", ServerName(), reason), 3, kSourceFile, line);

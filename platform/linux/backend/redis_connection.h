@@ -7,12 +7,16 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <quillon/backend/redis_client.h>
 #include <quillon/platform/configuration.h>
+
+#include "utils/host_port.h"
 
 namespace quillon::backend {
 
@@ -37,7 +41,8 @@ class RedisCommand {
 class RedisConnection {
  public:
   /// Begins a session with the server of the current configuration, unless there is one that still
-  /// lives, and answers the settings that it follows.
+  /// lives, and answers the settings that it follows. With sentinels, each session begins with
+  /// asking them for the master.
   const platform::Configuration::Usage& Open();
 
   using MakeCommand = std::function<RedisCommand(std::size_t)>;
@@ -51,7 +56,8 @@ class RedisConnection {
   /// Reports an answer that is not of the form that its command has.
   [[noreturn]] void FailUnexpectedReply();
 
-  /// How the server is called in messages: its socket, or host and port.
+  /// How the server is called in messages: its socket, or host and port; with sentinels, what they
+  /// call the master, where it was found, and where they are.
   std::string ServerName() const;
 
  private:
@@ -65,19 +71,43 @@ class RedisConnection {
   };
   using Reply = std::unique_ptr<redisReply, FreeReply>;
 
+  // A failure of one of the servers that are tried to find the master. It is a part of what is
+  // reported when none is left to try.
+  struct TrialFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+  };
+  struct Search;
+
   bool IsAlive() const;
+  void Begin();
   void Connect();
-  void LogIn();
+  void Connect(const platform::HostPort& server);
+  void UseContext(redisContext* context);
+  void LogIn(const std::string& password);
   void SelectDatabase();
 
+  void FindMaster();
+  Search AskSentinels(Clock::time_point end);
+  void Try(const std::string& sentinel, Search& search);
+  platform::HostPort AskForMaster(const std::string& sentinel);
+  void RequireMaster();
+
   void Send(const RedisCommand& command);
-  Reply Receive();
+  // What is said besides when the server closes the connection instead of answering.
+  Reply ReceiveResult(const char* when_closed = "");
+  Reply Receive(const char* when_closed = "");
   Clock::time_point Deadline() const;
+  timeval ConnectTimeout() const;
   void Await(short events, Clock::time_point deadline);
+  [[noreturn]] void FailTimeout();
   [[noreturn]] void Fail(int line, const std::string& reason);
 
   std::shared_ptr<const platform::Configuration> configuration_;
   std::unique_ptr<redisContext, FreeContext> context_;
+  std::string master_;  // where it was found
+  // Set while the master is looked for: when the server that is being tried has to be done.
+  // Failures are `TrialFailure` until then.
+  std::optional<Clock::time_point> trial_end_;
 };
 
 class RedisClient::Connection : public RedisConnection {};

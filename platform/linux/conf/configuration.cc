@@ -9,15 +9,18 @@
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <toml++/toml.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/printable.h>
 #include <velamailserver/log_exception.h>
 
 #include "conf/find_configuration.h"
 #include "utils/file_text.h"
+#include "utils/host_port.h"
 
 namespace quillon::platform {
 
@@ -38,7 +41,7 @@ std::string Position(const std::string& path, const toml::source_region& source)
 // error that names its place.
 class Reader {
  public:
-  explicit Reader(const std::string& path) : path_(path) {}
+  explicit Reader(std::string path) : path_(std::move(path)) {}
 
   // What may be set from a value, by key.
   using Setters = std::map<std::string, std::function<void(const toml::node&)>, std::less<>>;
@@ -46,7 +49,7 @@ class Reader {
   // Hands every value of a table to its setter.
   void ReadTable(const std::string& prefix, const toml::table& table, const Setters& setters) {
     for (const auto& [key, node] : table) {
-      key_ = prefix + std::string(key.str());
+      key_ = prefix + Printable(key.str());  // within quotes it may hold anything
       const auto setter = setters.find(key.str());
       if (setter == setters.end()) {
         Fail(node, "unknown key");
@@ -76,6 +79,20 @@ class Reader {
         Fail(node, problem);
       }
       setting = value->get();
+    };
+  }
+
+  auto Texts(std::vector<std::string>& setting,
+             std::function<const char*(const std::string&)> objection) const {
+    return [this, &setting, objection = std::move(objection)](const toml::node& node) {
+      const toml::array* values = node.as_array();
+      if (values == nullptr) {
+        Fail(node, "must be an array of strings");
+      }
+      setting.resize(values->size());
+      for (std::size_t i = 0; i < setting.size(); ++i) {
+        Text(setting[i], objection)((*values)[i]);
+      }
     };
   }
 
@@ -134,8 +151,12 @@ const char* ObjectToStore(const std::string& url) {
              : "must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL";
 }
 
-const char* ObjectToHost(const std::string& host) {
-  return host.empty() ? "must not be empty" : nullptr;
+const char* ObjectToEmpty(const std::string& text) {
+  return text.empty() ? "must not be empty" : nullptr;
+}
+
+const char* ObjectToSentinel(const std::string& text) {
+  return ParseHostPort(text) ? nullptr : "must be HOST:PORT, or [ADDRESS]:PORT of IPv6";
 }
 
 const char* ObjectToUser(const std::string& name) {
@@ -176,7 +197,7 @@ toml::table Parse(const std::string& path, const std::string& text) {
     return toml::parse(text, path);
   } catch (const toml::parse_error& error) {
     throw ConfigurationError(
-        fmt::format("{}: {}", Position(path, error.source()), error.description()));
+        fmt::format("{}: {}", Position(path, error.source()), Printable(error.description())));
   }
 }
 
@@ -213,9 +234,12 @@ Configuration Read(const std::string& path, const toml::table& document) {
                         {"busy_timeout", r.Number(c.quota.busy_timeout, 1, kLongestTimeout)}})},
        {"usage",
         table("usage",
-              {{"host", r.Text(c.usage.host, ObjectToHost)},
+              {{"host", r.Text(c.usage.host, ObjectToEmpty)},
                {"port", r.Number(c.usage.port, 1, 65535)},
                {"socket", r.Text(c.usage.socket, ObjectToOptionalPath)},
+               {"sentinels", r.Texts(c.usage.sentinels, ObjectToSentinel)},
+               {"sentinel_master", r.Text(c.usage.sentinel_master, ObjectToEmpty)},
+               {"sentinel_password", r.Text(c.usage.sentinel_password)},
                {"password", r.Text(c.usage.password)},
                {"database", r.Number(c.usage.database, 0, std::numeric_limits<int>::max())},
                {"connect_timeout", r.Number(c.usage.connect_timeout, 1, kLongestTimeout)},
@@ -270,6 +294,12 @@ Configuration Read(const std::string& path, const toml::table& document) {
   };
   require_range("uid", c.accounts.min_uid, c.accounts.max_uid);
   require_range("gid", c.accounts.min_gid, c.accounts.max_gid);
+  for (const char* key : {"host", "port", "socket"}) {
+    const bool is_set = document["usage"][key] && document["usage"][key] != "";
+    if (is_set && !c.usage.sentinels.empty()) {
+      reject("usage", key, "must not be set with usage.sentinels, which say where the server is");
+    }
+  }
   if (c.log.target == "file" && c.log.file.empty()) {
     reject("log", "target", "the target \"file\" needs log.file");
   }

@@ -12,8 +12,9 @@ namespace quillon::platform {
 template <typename Number>
 std::optional<Number> ParseDecimal(std::string_view text) {
   Number number = 0;
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  const auto [rest, error] = std::from_chars(begin, end, number);
   if (error != std::errc() || rest != end) {
     return std::nullopt;
   }

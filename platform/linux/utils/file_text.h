@@ -25,7 +25,7 @@ class FileError : public std::system_error {
 
 /// A whole file and what it was when it was opened.
 struct FileText {
-  struct stat status;
+  struct stat status {};
   std::string text;
 };
 
