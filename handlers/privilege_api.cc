@@ -32,6 +32,7 @@ Json::Value Apply(const Json::Value& params) {
   const std::string app = parameters.Has("app") ? parameters.Text("app") : kMailClient;
   const std::vector<VelaUser> users = ReadUsers(parameters);
   std::vector<std::string> accounts;
+  accounts.reserve(users.size());
   for (const VelaUser& user : users) {
     accounts.push_back(user.Name());
   }

@@ -26,6 +26,7 @@ std::optional<Json::Value> Measure(const DoomedMaildir& maildir) {
     usage = Json::UInt64{contents->bytes};
     messages = Json::UInt64{contents->messages};
   } catch (const velamailserver::LogException&) {
+    // It has logged itself, and the entry says that nobody knows.
   }
   return entry;
 }

@@ -15,16 +15,16 @@ unsigned long long NumberOf(const Json::Value& object, const char* member) {
   return object.isMember(member) ? object[member].asUInt64() : 0;
 }
 
-unsigned long long GetQuillonSharedFolderQuotaMb(const std::string& name, bool isGroup) {
+unsigned long long GetQuillonSharedFolderQuotaMb(const std::string& name, bool is_group) {
   Json::Value params;
   params["name"] = name;
   params["support_share_quota"] = true;
-  if (isGroup) {
+  if (is_group) {
     params["subject_type"] = "group";
   }
   const Json::Value response = RunWebapi("VELA.Core.Quota", "get", params, 1);
 
-  for (const Json::Value& entry : response["data"][isGroup ? "group_quota" : "user_quota"]) {
+  for (const Json::Value& entry : response["data"][is_group ? "group_quota" : "user_quota"]) {
     if (!entry.isMember("support_share_quota") || !entry["support_share_quota"].asBool()) {
       continue;
     }

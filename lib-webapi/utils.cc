@@ -297,6 +297,7 @@ int WebAPIRequest(const std::string& host, const std::string& account, const std
 }
 
 void multiWebAPIRequest(std::vector<WebAPIParams>& calls) {
+  // NOLINTNEXTLINE(modernize-loop-convert): a call may change how many there are
   for (std::size_t i = 0; i < calls.size(); ++i) {
     WebAPIParams& call = calls[i];
     const int code =

@@ -188,7 +188,7 @@ std::unique_ptr<Front> MakeFront() {
 }  // namespace
 
 int main() {
-  std::signal(SIGPIPE, SIG_IGN);
+  static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
   try {
     const std::unique_ptr<Front> front = MakeFront();
     FilterSystemCalls();

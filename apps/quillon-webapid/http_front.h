@@ -60,7 +60,7 @@ class HttpFront {
 
   static MHD_Result Handle(void* front, MHD_Connection* connection, const char* path,
                            const char* method, const char* version, const char* data,
-                           std::size_t* size, void** request);
+                           std::size_t* size, void** context);
   static void* BeginRequest(void* front, const char* uri, MHD_Connection* connection);
   static void EndRequest(void* front, MHD_Connection* connection, void** request,
                          MHD_RequestTerminationCode code);
@@ -68,7 +68,7 @@ class HttpFront {
   static void NoteConnection(void* front, MHD_Connection* connection, void** context,
                              MHD_ConnectionNotificationCode code);
   static void Log(void* front, const char* format, va_list arguments);
-  static MHD_Result TakePart(void* request, MHD_ValueKind kind, const char* key,
+  static MHD_Result TakePart(void* context, MHD_ValueKind kind, const char* key,
                              const char* file_name, const char* type, const char* encoding,
                              const char* data, std::uint64_t offset, std::size_t size);
 

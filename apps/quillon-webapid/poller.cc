@@ -43,7 +43,8 @@ void Poller::Remove(int fd) {
 }
 
 void Poller::Wait(int milliseconds) {
-  std::array<epoll_event, 64> events;  // NOLINT: filled by epoll_wait
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled by epoll_wait
+  std::array<epoll_event, 64> events;
   const int count =
       ::epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), milliseconds);
   if (count < 0 && errno != EINTR) {

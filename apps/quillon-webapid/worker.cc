@@ -25,7 +25,7 @@ namespace quillon::webapid {
 namespace {
 
 constexpr int kIdleMilliseconds = 1000;
-constexpr long kLargestProcess = 512 * 1024;  // kilobytes
+constexpr long kLargestProcess = 512L * 1024;  // kilobytes
 
 struct Method {
   std::string_view api;
@@ -43,7 +43,7 @@ constexpr std::array kForMonitors = {Method{"VELA.Core.System.Utilization", "get
                                      Method{"Quillon.MailServer.NoOwner", "status"}};
 
 struct Outcome {
-  int status;
+  int status = 0;
   std::string text;
 };
 
@@ -134,7 +134,7 @@ Awaited Wait(int socket, int signals) {
 
 // False at the end of the stream.
 bool Receive(int socket, FrameReader& reader) {
-  std::array<char, 65536> piece;  // NOLINT: filled by recv
+  std::array<char, 65536> piece;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
   const ssize_t got = ::recv(socket, piece.data(), piece.size(), 0);
   if (got < 0 && errno != EINTR) {
     throw std::system_error(errno, std::generic_category(), "recv");

@@ -70,7 +70,7 @@ void UnblockSignals() {
 
 void Reload() {
   signalfd_siginfo info{};
-  static_cast<void>(!::read(reload_signal.Get(), &info, sizeof(info)));
+  static_cast<void>(::read(reload_signal.Get(), &info, sizeof(info)) < 0);
   try {
     LoadConfigurationFile();
   } catch (const std::exception& error) {

@@ -25,7 +25,7 @@ constexpr int kOverdueLine = 37;
 }  // namespace
 
 WorkerPool::~WorkerPool() {
-  for (Worker& worker : workers_) {
+  for (const Worker& worker : workers_) {
     if (worker.socket.IsOpen()) {
       poller_.Remove(worker.socket.Get());
     }
@@ -130,7 +130,7 @@ void WorkerPool::SendMore(Worker& worker) {
 
 void WorkerPool::ReceiveMore(std::uint32_t index) {
   Worker& worker = workers_[index];
-  std::array<char, 65536> piece;  // NOLINT: filled by recv
+  std::array<char, 65536> piece;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
   const ssize_t got = ::recv(worker.socket.Get(), piece.data(), piece.size(), MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;

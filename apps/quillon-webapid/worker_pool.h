@@ -65,7 +65,7 @@ class WorkerPool {
   std::uint32_t TakePlace();
   void Answer(std::uint32_t index, int status, std::string text);
   void Dispatch();
-  void Handle(std::uint32_t worker, std::uint32_t events);
+  void Handle(std::uint32_t index, std::uint32_t events);
   void SendMore(Worker& worker);
   void ReceiveMore(std::uint32_t index);
   void TakeAnswer(Worker& worker, Frame frame);

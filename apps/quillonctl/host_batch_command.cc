@@ -22,7 +22,6 @@
 
 namespace {
 
-using quillon::platform::Secret;
 using quillon::platform::Wipe;
 
 // The calls of a batch, whose passwords are overwritten at the end.

@@ -21,7 +21,7 @@ struct CloseFile {
 
 std::string ReadAll(std::FILE* file, const std::string& name) {
   std::string text;
-  std::array<char, 65536> part;
+  std::array<char, 65536> part;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by fread
   while (const std::size_t length = std::fread(part.data(), 1, part.size(), file)) {
     text.append(part.data(), length);
     if (text.size() > kMostBytes) {

@@ -109,12 +109,11 @@ struct RefreshOptions {
 // is counting any more, nobody will finish it.
 bool WaitForRecount(unsigned long long generation) {
   using std::chrono::steady_clock;
-  using namespace std::chrono_literals;
   // The recount takes the lock a moment after it was started.
-  constexpr auto kPatience = 2s;
+  constexpr std::chrono::seconds kPatience{2};
   // Short recounts are not waited for long, and long ones not asked for often.
-  constexpr steady_clock::duration kLongestPause = 1s;
-  auto pause = std::chrono::duration_cast<steady_clock::duration>(20ms);
+  constexpr steady_clock::duration kLongestPause = std::chrono::seconds(1);
+  steady_clock::duration pause = std::chrono::milliseconds(20);
 
   for (auto deadline = steady_clock::now() + kPatience;;) {
     const Json::Value status = Call(kAPI, "status", Json::Value());

@@ -40,6 +40,7 @@ std::string SizeAndMessages(const Json::Value& maildirs) {
 // A directory that cannot be read has no figures.
 void WriteMaildirs(const Removal& removal, const Json::Value& maildirs) {
   std::vector<Table::Column> columns;
+  columns.reserve(removal.columns.size() + 3);
   for (const Removal::Column& column : removal.columns) {
     columns.push_back({column.title, column.align});
   }
@@ -49,6 +50,7 @@ void WriteMaildirs(const Removal& removal, const Json::Value& maildirs) {
   Table table(columns);
   for (const Json::Value& maildir : maildirs) {
     std::vector<Table::Cell> cells;
+    cells.reserve(removal.columns.size() + 3);
     for (const Removal::Column& column : removal.columns) {
       cells.push_back({Printable(maildir[column.member].asString())});
     }

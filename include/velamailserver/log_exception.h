@@ -85,6 +85,7 @@ class VELAMAILSERVER_EXPORT LogException : public std::runtime_error {
   LogException& operator=(const LogException&) = default;
   ~LogException() override;
 
+  /// What has failed.
   ErrorCode code() const noexcept { return code_; }
   /// Source file of the throw site, as the thrower gave it.
   const std::string& file() const noexcept { return file_; }

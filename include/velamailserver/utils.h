@@ -9,9 +9,10 @@
 #include <vela/cred.h>
 #include <velamailserver/visibility.h>
 
-// Calls of WebAPIs on other hosts of the cluster. A call that fails is told by its code and by the
-// mail log, never by an exception; exceptions of the JSON library, about documents that do not hold
-// what they should, pass through when everything was released.
+/// @file
+/// Calls of WebAPIs on other hosts of the cluster. A call that fails is told by its code and by the
+/// mail log, never by an exception; exceptions of the JSON library, about documents that do not
+/// hold what they should, pass through when everything was released.
 
 /// Runs one WebAPI. `request` is an object with "api", "version", "method" and, optionally,
 /// "params"; it is only read. `response` becomes the API's answer.
@@ -47,14 +48,17 @@ VELAMAILSERVER_EXPORT bool IsPortActive(const std::string& host, const std::stri
 
 /// One call of a batch; the members are the arguments of `WebAPIRequest`.
 struct WebAPIParams {
+  ///@{
+  /// An argument of `WebAPIRequest`.
   std::string host;
   std::string account;
   std::string password;
   std::string protocol;
   int port = -1;
+  ///@}
   std::uint64_t reserved = 0;  ///< not read here
-  Json::Value request;
-  Json::Value response;  ///< the answer
+  Json::Value request;         ///< the call
+  Json::Value response;        ///< its answer
 };
 
 /// Makes the calls one after the other, in order, each with 60 seconds to answer. Where the code is

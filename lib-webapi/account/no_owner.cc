@@ -140,7 +140,7 @@ Json::Value Entry(const NoOwnerMaildir& maildir) {
 
 }  // namespace
 
-NoOwner::NoOwner() : need_refresh(false) { FindNoOwner(); }
+NoOwner::NoOwner() { FindNoOwner(); }
 
 void NoOwner::FindNoOwner() {
   RunAsRoot("set no owner", [this] {

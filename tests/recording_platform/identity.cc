@@ -77,8 +77,8 @@ void syslog(int priority, const char* format, ...) {
 }
 
 // What syslog() becomes where calls are checked.
-void __syslog_chk(  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-    int priority, int /*flag*/, const char* format, ...) {
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's name
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   Log(priority, format, arguments);

@@ -65,7 +65,7 @@ class VELAMAILSERVER_EXPORT NoOwner {
   void RemoveStorage(const std::vector<unsigned int>& uids);
 
  private:
-  bool need_refresh;  // a directory was found whose usage nobody has counted
+  bool need_refresh = false;  // a directory was found whose usage nobody has counted
   std::vector<account::NoOwnerMaildir> maildirs;
 };
 

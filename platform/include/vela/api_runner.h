@@ -16,12 +16,16 @@ namespace VELA {
 /// its "data", which tells programs more than the message does.
 class VELAMAILSERVER_EXPORT APIError : public std::runtime_error {
  public:
+  ///@{
+  /// The envelope's "code", "message" and, if there is any, "data".
   APIError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
   APIError(int code, const std::string& message, Json::Value data)
       : std::runtime_error(message),
         code_(code),
         data_(std::make_shared<const Json::Value>(std::move(data))) {}
+  ///@}
 
+  /// The envelope's "code".
   int code() const noexcept { return code_; }
   /// Null when there is none.
   const Json::Value* data() const noexcept { return data_.get(); }

@@ -6,22 +6,29 @@
 #include <json/value.h>
 
 /// How to reach a host and as whom: host, account, password, protocol and port.
-struct _tag_vela_cred_;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): given
+struct _tag_vela_cred_;
 /// A login to a host that succeeded, until it expires or is freed.
-struct _tag_vela_cred_sess_;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): given
+struct _tag_vela_cred_sess_;
 
 // Records are plain data, for use by one thread at a time. None of these functions throws.
 extern "C" {
 
+///@{
 /// A new, empty record, which the caller frees; null when there is no memory for it.
 _tag_vela_cred_* VELACredAlloc();
 _tag_vela_cred_sess_* VELACredSessAlloc();
+///@}
 
+///@{
 /// Frees a record, after wiping the secrets in it: the password, the session's token. Null is
 /// allowed.
 void VELACredFree(_tag_vela_cred_* cred);
 void VELACredSessFree(_tag_vela_cred_sess_* session);
+///@}
 
+///@{
 /// Each stores one setting and copies the text. `host` is a name, an IPv4 address or an IPv6
 /// address in brackets; `protocol` is "http" or "https".
 void VELACredItemSetHost(_tag_vela_cred_* cred, const char* host);
@@ -29,11 +36,13 @@ void VELACredItemSetRemoteAccount(_tag_vela_cred_* cred, const char* account);
 void VELACredItemSetRemotePasswd(_tag_vela_cred_* cred, const char* password);
 void VELACredItemSetProtocol(_tag_vela_cred_* cred, const char* protocol);
 void VELACredItemSetPort(_tag_vela_cred_* cred, long port);
+///@}
 
 }  // extern "C"
 
 namespace VELA {
 
+/// What else concerns hosts' calls to each other.
 class CredRequestUtil {
  public:
   /// Logs in to the host of `cred` and fills `session`, for 5 minutes: calls have to begin within
@@ -66,6 +75,7 @@ class CredRequest {
 
   /// False for a URL that is not http:// or https:// with a host.
   bool SetURL(const std::string& url);
+  /// The URL as it was set.
   std::string GetURL() const;
 
   /// Seconds until the host must have answered, 0 for no limit; 60 when nothing is set.

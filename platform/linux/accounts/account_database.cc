@@ -155,12 +155,12 @@ SharedEntry FindUser(const std::string& name) {
   if (IsImpossibleName(name)) {
     return nullptr;
   }
-  SharedEntry entry = FindInFile(Users(), name);
+  const SharedEntry entry = FindInFile(Users(), name);
   return entry ? entry : AskNSS<struct passwd, const char*>(::getpwnam_r, name.c_str());
 }
 
 SharedEntry FindUser(std::uint32_t uid) {
-  SharedEntry entry = FindInFile(Users(), uid);
+  const SharedEntry entry = FindInFile(Users(), uid);
   return entry ? entry : FindHostUser(uid);
 }
 
@@ -179,12 +179,12 @@ SharedEntry FindGroup(const std::string& name) {
   if (IsImpossibleName(name)) {
     return nullptr;
   }
-  SharedEntry entry = FindInFile(Groups(), name);
+  const SharedEntry entry = FindInFile(Groups(), name);
   return entry ? entry : AskNSS<struct group, const char*>(::getgrnam_r, name.c_str());
 }
 
 SharedEntry FindGroup(std::uint32_t gid) {
-  SharedEntry entry = FindInFile(Groups(), gid);
+  const SharedEntry entry = FindInFile(Groups(), gid);
   return entry ? entry : AskNSS<struct group, gid_t>(::getgrgid_r, gid);
 }
 

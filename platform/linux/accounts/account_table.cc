@@ -22,7 +22,8 @@ std::string_view WithoutBlanksAround(std::string_view text) {
 
 std::size_t NameHash::operator()(std::string_view name) const {
   // No name of a real account is longer than the buffer, but every byte of one that is counts.
-  std::array<char, 256> lower;  // NOLINT: filled as far as it is read
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled as far as it is read
+  std::array<char, 256> lower;
   std::size_t hash = 0;
   do {
     const std::string_view piece = name.substr(0, lower.size());

@@ -172,7 +172,7 @@ void SetPassword(WebAccount& account, const Secret& password) {
   if (!salted) {
     throw WebAccountsError(std::string("the password ") + kPasswordText);
   }
-  Keys keys;
+  Keys keys{};
   const int result = ::gsasl_scram_secrets_from_salted_password(
       GSASL_HASH_SHA256, salted->Get().data(), keys.client_key.data(), keys.server_key.data(),
       keys.stored_key.data());

@@ -48,7 +48,7 @@ std::string Reason(int error) { return std::generic_category().message(error); }
 
 bool IsReplaced(int error) { return error == ENOTDIR || error == ELOOP; }
 
-class Measuring : private TreeWalk {
+class Measuring final : private TreeWalk {
  public:
   explicit Measuring(const std::string& path) : TreeWalk(path) {}
 
@@ -118,7 +118,7 @@ class Measuring : private TreeWalk {
   std::set<std::tuple<unsigned, unsigned, unsigned long long>> linked_;
 };
 
-class Removal : private TreeWalk {
+class Removal final : private TreeWalk {
  public:
   explicit Removal(const std::string& path) : TreeWalk(path) {}
 

@@ -82,6 +82,7 @@ class Counter {
     return status && S_ISDIR(status->st_mode);
   }
 
+  // NOLINTNEXTLINE(misc-no-recursion): not below the deepest level
   void CountFolder(int parent, const char* name, int level) {
     Directory directory = Open(parent, name);
     if (!directory.IsOpen()) {

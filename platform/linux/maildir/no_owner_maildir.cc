@@ -52,8 +52,6 @@ std::optional<MaildirContents> MeasureMaildir(const std::string& path) {
 
 namespace velamailserver::account {
 
-using quillon::platform::MaildirAt;
-
 NoOwnerMaildir::NoOwnerMaildir(const std::string& directory) {
   path = directory;
   try {

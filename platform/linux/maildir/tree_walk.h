@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "maildir/directory.h"
@@ -23,7 +24,7 @@ class TreeWalk {
 
  protected:
   /// `path` is the top folder's name in messages.
-  explicit TreeWalk(const std::string& path) : path_(path) {}
+  explicit TreeWalk(std::string path) : path_(std::move(path)) {}
   ~TreeWalk() = default;
 
   /// The descriptor of the top folder may be one for looking up only (O_PATH).

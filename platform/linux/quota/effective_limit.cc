@@ -54,7 +54,7 @@ struct OpenStore {
   }
 
   std::shared_ptr<const Configuration> configuration;
-  uid_t opened_by;
+  uid_t opened_by = 0;
   Clock::time_point opened_at;
   QuotaDatabase database;
 };

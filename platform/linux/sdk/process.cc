@@ -50,7 +50,7 @@ class Report {
 
   // Whole, or not at all: a pipe does not split what is this short.
   void Write(int result) const {
-    static_cast<void>(!::write(write_end_.Get(), &result, sizeof(result)));
+    static_cast<void>(::write(write_end_.Get(), &result, sizeof(result)) < 0);
   }
 
   // When those who could write have all been killed, there is no child.

@@ -80,7 +80,12 @@ bool IsUsageCountRunning() {
   std::ifstream locks(kLocks);
   std::string line;
   while (std::getline(locks, line)) {
-    std::string number, kind, nature, access, pid, file;
+    std::string number;
+    std::string kind;
+    std::string nature;
+    std::string access;
+    std::string pid;
+    std::string file;
     std::istringstream(line) >> number >> kind >> nature >> access >> pid >> file;
     // Who waits for a lock has "->" for its kind.
     if (kind == "FLOCK" && file == wanted) {

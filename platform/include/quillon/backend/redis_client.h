@@ -12,12 +12,12 @@ class RedisClient {
   RedisClient& operator=(const RedisClient&) = delete;
 
  protected:
-  class Connection;  // the implementation's own
+  class Connection;
 
   RedisClient();
   ~RedisClient();
 
-  std::unique_ptr<Connection> connection_;
+  std::unique_ptr<Connection> connection_;  ///< the implementation's own
 };
 
 }  // namespace quillon::backend

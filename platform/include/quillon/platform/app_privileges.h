@@ -10,6 +10,7 @@ struct RevokedPrivilege {
   std::string user;  ///< account name, as the note spells it
   std::string app;   ///< exact name of the application
 
+  /// Whether it is the same note.
   friend bool operator==(const RevokedPrivilege& left, const RevokedPrivilege& right) {
     return left.user == right.user && left.app == right.app;
   }
@@ -25,11 +26,13 @@ struct RevokedPrivilege {
 /// same user, one.
 std::vector<RevokedPrivilege> ListRevokedPrivileges();
 
+///@{
 /// Gives back and takes away the privilege of every user. What already is so stays so, and so do
 /// comments. `app` is 1 to 255 letters, digits, '.', '_' and '-'; a user's name has no ':', no
 /// control character and no blank at an end; else `ERR_INTERNAL` is thrown and nothing is changed.
 /// Whether there is such a user is not asked.
 void GrantPrivilege(const std::vector<std::string>& users, const std::string& app);
 void RevokePrivilege(const std::vector<std::string>& users, const std::string& app);
+///@}
 
 }  // namespace quillon::platform

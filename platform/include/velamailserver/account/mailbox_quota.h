@@ -24,6 +24,7 @@ class MailboxQuota {
   MailboxQuota& operator=(const MailboxQuota&) = delete;
   ~MailboxQuota();
 
+  ///@{
   /// Stores `bytes` for each subject, in place of an earlier value. 0 is a value like any other: it
   /// means unlimited, which is not the same as having no limit of one's own.
   void SetUserQuotaLimit(const std::vector<velasdk::VelaUser>& users, unsigned long long bytes);
@@ -31,18 +32,23 @@ class MailboxQuota {
   void SetGroupQuotaLimit(const std::vector<velasdk::VelaGroup>& groups, unsigned long long bytes);
   void SetGroupQuotaWarning(const std::vector<velasdk::VelaGroup>& groups,
                             unsigned long long bytes);
+  ///@}
 
+  ///@{
   /// Removes each subject's value; a subject without one is no failure.
   void ClearUserQuotaLimit(const std::vector<velasdk::VelaUser>& users);
   void ClearUserQuotaWarning(const std::vector<velasdk::VelaUser>& users);
   void ClearGroupQuotaLimit(const std::vector<velasdk::VelaGroup>& groups);
   void ClearGroupQuotaWarning(const std::vector<velasdk::VelaGroup>& groups);
+  ///@}
 
+  ///@{
   /// One valid record per subject that has the value, in ascending order of id.
   std::vector<UserRecord> ListUserQuotaLimit(const std::vector<velasdk::VelaUser>& users);
   std::vector<UserRecord> ListUserQuotaWarning(const std::vector<velasdk::VelaUser>& users);
   std::vector<GroupRecord> ListGroupQuotaLimit(const std::vector<velasdk::VelaGroup>& groups);
   std::vector<GroupRecord> ListGroupQuotaWarning(const std::vector<velasdk::VelaGroup>& groups);
+  ///@}
 
  private:
   class Store;  // the implementation's own

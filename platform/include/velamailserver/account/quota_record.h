@@ -27,6 +27,7 @@ class UGRecord : public db_query::Record,
   std::string value;     ///< bytes, as decimal text
 };
 
+/// A limit or a warning level of a user.
 class UserRecord : public UGRecord {
  public:
   UserRecord() = default;
@@ -35,6 +36,7 @@ class UserRecord : public UGRecord {
   ~UserRecord() override;
 };
 
+/// A limit or a warning level of a group.
 class GroupRecord : public UGRecord {
  public:
   GroupRecord() = default;

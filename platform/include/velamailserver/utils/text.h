@@ -5,9 +5,7 @@
 
 // All of these are safe for use from several threads.
 
-namespace velamailserver {
-
-namespace utils {
+namespace velamailserver::utils {
 
 /// The number that `text` spells in decimal digits only, of which there is at least one. Anything
 /// else (a sign, a blank, a value above 18446744073709551615) throws `LogException` with
@@ -18,7 +16,9 @@ unsigned long long ToULL(const std::string& text);
 /// locale.
 std::string ToLowerCase(const std::string& text);
 
-}  // namespace utils
+}  // namespace velamailserver::utils
+
+namespace velamailserver {
 
 /// The items with `separator` between them; empty for no items.
 std::string Join(const std::vector<std::string>& items, const std::string& separator);

@@ -21,6 +21,7 @@ class VelaGroup {
 
   /// The group's name, as the database stores it.
   std::string Name() const;
+  /// The group's number, by which the quota store keeps limits.
   unsigned int Gid() const;
 
  private:

@@ -22,6 +22,7 @@ class VelaUser {
   std::string Name() const;
   /// The canonical account name, as the database stores it.
   std::string RealName() const;
+  /// The user's number, by which the quota store keeps limits.
   unsigned int Uid() const;
 
  private:

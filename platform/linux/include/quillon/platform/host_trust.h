@@ -9,16 +9,14 @@
 
 namespace quillon::platform {
 
-/// Hosts of the cluster whose TLS keys are known: each is spoken to on that port only while it has
-/// that key, whoever signed its certificate, and over plain HTTP on no port. They are kept in the
-/// file `cluster.trusted_hosts` of the configuration, "HOST:PORT FINGERPRINT" on a line. A host is
-/// a name, an IPv4 address or an IPv6 address in brackets; letter case does not matter. A
-/// fingerprint is "sha256//" and the SHA-256 of the public key (its SubjectPublicKeyInfo) in
-/// base64.
-
+/// A host of the cluster whose TLS key is known: it is spoken to on that port only while it has
+/// that key, whoever signed its certificate, and over plain HTTP on no port. These hosts are kept
+/// in the file `cluster.trusted_hosts` of the configuration, "HOST:PORT FINGERPRINT" on a line.
 struct TrustedHost {
+  /// A name, an IPv4 address or an IPv6 address in brackets; letter case does not matter.
   std::string host;
-  int port;
+  int port;  ///< of its web server
+  /// "sha256//" and the SHA-256 of the public key (its SubjectPublicKeyInfo) in base64.
   std::string fingerprint;
 };
 

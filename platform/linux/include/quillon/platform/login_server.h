@@ -11,20 +11,21 @@
 
 namespace quillon::platform {
 
-/// The server's first message of a login, in base64, and the name that the login goes on by.
+/// The server's first message of a login.
 struct LoginChallenge {
-  std::string login;
-  std::string message;
+  std::string login;    ///< the name that the login goes on by
+  std::string message;  ///< in base64
 };
 
-/// Who has logged in, and the server's last message, in base64: with it the server proves to the
-/// client that it knows the account, too.
+/// Who has logged in, and the server's last message: with it the server proves to the client that
+/// it knows the account, too.
 struct LoginSuccess {
-  std::string message;
-  std::string account;
-  WebRole role;
+  std::string message;  ///< in base64
+  std::string account;  ///< its name
+  WebRole role;         ///< what it may do
 };
 
+/// That nobody has logged in.
 struct LoginRefusal {
   /// For the log only: a client that is refused learns nothing more.
   std::string reason;
@@ -36,14 +37,17 @@ struct LoginRefusal {
 /// does not exist is answered like one whose password is wrong. For use by one thread.
 class LoginServer {
  public:
+  /// The clock of all times here.
   using Time = std::chrono::steady_clock::time_point;
 
-  /// A login that was started must be finished within this time,
+  /// A login that was started must be finished within this time.
   static constexpr std::chrono::seconds kHalfOpenLife{30};
-  /// and when there are more of them than this, the oldest is dropped: of the same address, or else
-  /// of all.
+  ///@{
+  /// When more have been started than this, the oldest is dropped: of the same address, or else of
+  /// all.
   static constexpr std::size_t kMostHalfOpenPerAddress = 32;
   static constexpr std::size_t kMostHalfOpen = 1024;
+  ///@}
   /// Characters of a message at most.
   static constexpr std::size_t kLongestMessage = 1024;
 

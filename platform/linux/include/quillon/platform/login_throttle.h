@@ -16,9 +16,12 @@ namespace quillon::platform {
 /// `kLongestWait`. Who has not failed for `kMemory` starts anew. For use by one thread.
 class LoginThrottle {
  public:
+  /// The clock of all times here.
   using Time = std::chrono::steady_clock::time_point;
 
+  /// Nobody waits longer than this.
   static constexpr std::chrono::seconds kLongestWait{300};
+  /// How long a failure is remembered.
   static constexpr std::chrono::seconds kMemory{900};
   /// Failures that are allowed an address, over all accounts, as a multiple of those allowed for
   /// one account.
@@ -26,14 +29,17 @@ class LoginThrottle {
   /// What is remembered at most; what has not failed for longest is forgotten first.
   static constexpr std::size_t kMostEntries = 10000;
 
+  /// `allowed_failures`: those of one account from one address that cost no time.
   explicit LoginThrottle(int allowed_failures) : allowed_failures_(allowed_failures) {}
 
   /// Seconds until a login may be tried, at least 1; 0 when it may be now.
   std::chrono::seconds Wait(const std::string& account, const std::string& address, Time now) const;
+  /// Remembers that a login has failed.
   void CountFailure(const std::string& account, const std::string& address, Time now);
   /// Forgets the failures of this account from this address.
   void CountSuccess(const std::string& account, const std::string& address);
 
+  /// How many accounts and addresses are remembered.
   std::size_t size() const { return entries_.size(); }
 
  private:

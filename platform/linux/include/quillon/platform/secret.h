@@ -20,6 +20,7 @@ inline void Wipe(std::string& text) {
 class Secret {
  public:
   Secret() = default;
+  /// A copy of the text, which stays where it is.
   explicit Secret(std::string_view text) : text_(text) {}
   /// Takes a text over, and leaves nothing of it behind.
   static Secret Take(std::string&& text) {
@@ -29,6 +30,7 @@ class Secret {
     return secret;
   }
   Secret(const Secret& other) = default;
+  /// Leaves nothing in `other`.
   Secret(Secret&& other) noexcept : text_(std::move(other.text_)) { Wipe(other.text_); }
   /// The old text goes with `other`.
   Secret& operator=(Secret other) noexcept {
@@ -37,9 +39,12 @@ class Secret {
   }
   ~Secret() { Wipe(text_); }
 
+  /// Puts a copy of the text in the place of the old one.
   void Set(std::string_view text) { *this = Secret(text); }
 
+  /// Whether there is no text.
   bool IsEmpty() const { return text_.empty(); }
+  /// The text, as long as this lives unchanged.
   const std::string& Get() const { return text_; }
 
  private:

@@ -24,15 +24,17 @@ std::optional<WebRole> ParseWebRole(std::string_view name);
 /// SCRAM-SHA-256 (RFC 5802, RFC 7677); binary values are in base64.
 struct WebAccount {
   std::string name;  ///< 1 to 64 letters, digits, '.', '_' and '-'; the first a letter or digit
-  WebRole role = WebRole::kMonitor;
-  unsigned iterations = 0;
-  std::string salt;  ///< of `kWebSaltBytes` bytes
-  Secret stored_key;
-  Secret server_key;
+  WebRole role = WebRole::kMonitor;  ///< what it may do
+  unsigned iterations = 0;           ///< how often the password was hashed
+  std::string salt;                  ///< of `kWebSaltBytes` bytes
+  Secret stored_key;                 ///< checks what the client proves
+  Secret server_key;                 ///< proves to the client that the server knows the account
 
+  /// Whether nothing of it was changed.
   bool operator==(const WebAccount& other) const;
 };
 
+/// The only way to log in.
 inline constexpr char kWebLoginMechanism[] = "SCRAM-SHA-256";
 
 /// The iterations of a new password. A call of another host logs in each time, and its client pays
@@ -54,27 +56,27 @@ class VELAMAILSERVER_EXPORT WebAccountsError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The accounts file has a line for each account,
-//   NAME:ROLE:SCRAM-SHA-256:ITERATIONS:SALT:STORED_KEY:SERVER_KEY
-// and may have blank lines and lines that begin with '#'. It must be a regular file that belongs to
-// root and that nobody else may read or write, in a folder that only root may write to. A missing
-// file is one without accounts.
-
-/// The whole file, for `ParseWebAccounts`. Throws `WebAccountsError`.
+/// The whole accounts file, for `ParseWebAccounts`. It must be a regular file that belongs to root
+/// and that nobody else may read or write, in a folder that only root may write to. A missing file
+/// is one without accounts. Throws `WebAccountsError`.
 Secret ReadWebAccountsFile(const std::string& path);
 
-/// The accounts in the text of a file, in its order; `path` is for messages. Throws
-/// `WebAccountsError` for a line that is none of the above, and for a second account of a name.
+/// The accounts in the text of a file, in its order; `path` is for messages. It has a line for
+/// each,
+///   NAME:ROLE:SCRAM-SHA-256:ITERATIONS:SALT:STORED_KEY:SERVER_KEY
+/// and may have blank lines and lines that begin with '#'. Throws `WebAccountsError` for any other
+/// line, and for a second account of a name.
 std::vector<WebAccount> ParseWebAccounts(std::string_view text, const std::string& path);
 
-// Each of these needs root, changes the file as a whole or not at all, keeps its comments, and
-// throws `WebAccountsError`: also for a name that cannot be an account's, that there is already or
-// that there is not, and for a password that is too short, is no UTF-8 or holds control characters.
-
+///@{
+/// Needs root, changes the accounts file as a whole or not at all, keeps its comments, and throws
+/// `WebAccountsError`: also for a name that cannot be an account's, that there is already or that
+/// there is not, and for a password that is too short, is no UTF-8 or holds control characters.
 void AddWebAccount(const std::string& path, const std::string& name, WebRole role,
                    const Secret& password);
 void RemoveWebAccount(const std::string& path, const std::string& name);
 void ChangeWebPassword(const std::string& path, const std::string& name, const Secret& password);
 void ChangeWebRole(const std::string& path, const std::string& name, WebRole role);
+///@}
 
 }  // namespace quillon::platform

@@ -15,12 +15,15 @@ namespace quillon::platform {
 /// reading this memory lets nobody in. For use by one thread.
 class WebSessions {
  public:
+  /// The clock of all times here.
   using Time = std::chrono::steady_clock::time_point;
 
+  /// Who a token stands for.
   struct Session {
-    std::string account;
-    WebRole role;
+    std::string account;  ///< its name
+    WebRole role;         ///< what it may do
   };
+  /// A session that has begun.
   struct Created {
     Secret token;            ///< 43 characters of base64url
     bool has_ended_another;  ///< the account had as many as it may
@@ -37,8 +40,10 @@ class WebSessions {
   std::optional<Session> Find(const std::string& token, Time now) const;
   /// False when there was no such session.
   bool End(const std::string& token);
+  /// Ends all sessions of an account.
   void DropAccount(const std::string& account);
 
+  /// How many sessions there are; some may have expired.
   std::size_t size() const { return sessions_.size(); }
 
  private:
