@@ -43,41 +43,86 @@ std::string FirstCertificate(CURL* handle) {
   return text;
 }
 
-// `body` is null for a GET.
-WebAnswer Exchange(const std::string& url, const WebCall* call) {
-  CURL* const handle = curl_easy_init();
+}  // namespace
+
+WebClient::WebClient(const std::string& url) : handle_(::curl_easy_init(), ::curl_easy_cleanup) {
+  curl_easy_setopt(handle_.get(), CURLOPT_URL, url.c_str());
+  curl_easy_setopt(handle_.get(), CURLOPT_PROXY, "");
+  curl_easy_setopt(handle_.get(), CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle_.get(), CURLOPT_TIMEOUT, 20L);
+  curl_easy_setopt(handle_.get(), CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(handle_.get(), CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(handle_.get(), CURLOPT_CERTINFO, 1L);
+  curl_easy_setopt(handle_.get(), CURLOPT_WRITEFUNCTION, &Collect);
+}
+
+WebAnswer WebClient::Exchange() {
   WebAnswer answer;
-  curl_slist* headers = nullptr;
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(handle, CURLOPT_PROXY, "");
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 20L);
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
-  curl_easy_setopt(handle, CURLOPT_CERTINFO, 1L);
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Collect);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &answer.text);
-  if (call != nullptr) {
-    for (const std::string& header : call->headers) {
-      headers = curl_slist_append(headers, header.c_str());
-    }
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(call->text.size()));
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, call->text.data());
-  }
-  if (curl_easy_perform(handle) == CURLE_OK) {
+  curl_easy_setopt(handle_.get(), CURLOPT_WRITEDATA, &answer.text);
+  if (curl_easy_perform(handle_.get()) == CURLE_OK) {
     long status = 0;
-    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
     answer.status = static_cast<int>(status);
-    answer.certificate = FirstCertificate(handle);
+    answer.certificate = FirstCertificate(handle_.get());
     Json::Reader().parse(answer.text, answer.envelope);
   }
-  curl_slist_free_all(headers);
-  curl_easy_cleanup(handle);
   return answer;
 }
 
-}  // namespace
+WebAnswer WebClient::Get() {
+  curl_easy_setopt(handle_.get(), CURLOPT_HTTPGET, 1L);
+  return Exchange();
+}
+
+WebAnswer WebClient::Post(const WebCall& call) {
+  curl_slist* headers = nullptr;
+  for (const std::string& header : call.headers) {
+    headers = curl_slist_append(headers, header.c_str());
+  }
+  curl_easy_setopt(handle_.get(), CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(handle_.get(), CURLOPT_POSTFIELDSIZE_LARGE,
+                   static_cast<curl_off_t>(call.text.size()));
+  curl_easy_setopt(handle_.get(), CURLOPT_POSTFIELDS, call.text.data());
+  WebAnswer answer = Exchange();
+  curl_slist_free_all(headers);
+  return answer;
+}
+
+WebAnswer WebClient::Call(const std::string& token, const std::string& text) {
+  return Post({text, {"Content-Type: application/json", "Authorization: Bearer " + token}});
+}
+
+WebAnswer WebClient::Login(const std::string& account, const std::string& password,
+                           std::string* finish, const Json::Value& lifetime) {
+  ScramClient client(account, password);
+  Json::Value request;
+  request["api"] = "VELA.Core.Login";
+  request["version"] = 1;
+  request["method"] = "start";
+  request["params"]["message"] = client.Step("");
+  const WebAnswer first = Post({Json::FastWriter().write(request)});
+  if (first.status != 200) {
+    return first;
+  }
+  request["method"] = "finish";
+  request["params"]["login"] = first.envelope["data"]["login"];
+  request["params"]["message"] = client.Step(first.envelope["data"]["message"].asString());
+  if (!lifetime.isNull()) {
+    request["params"]["lifetime"] = lifetime;
+  }
+  const std::string text = Json::FastWriter().write(request);
+  if (finish != nullptr) {
+    *finish = text;
+  }
+  WebAnswer last = Post({text});
+  if (last.status == 200) {
+    client.Step(last.envelope["data"]["message"].asString());
+    if (client.result() != GSASL_OK) {
+      throw std::runtime_error("the server does not know the account either");
+    }
+  }
+  return last;
+}
 
 WebServer::WebServer(const std::string& settings)
     : http_port_(FreePort()), https_port_(FreePort()) {
@@ -90,6 +135,7 @@ group_file = "{0}/group"
 privileges_file = "{0}/app-privileges"
 [maildir]
 root = "{0}/spool"
+usage_cache = "{0}/no-owner-usage.db"
 [quota]
 store = "sqlite://{0}/quota.db"
 [log]
@@ -122,50 +168,26 @@ std::vector<std::string> WebServer::CommandLine() const {
   return {QUILLON_WEBAPID, "--config", configuration_file()};
 }
 
+std::string WebServer::Url(bool tls) const {
+  return tls ? fmt::format("https://127.0.0.1:{}/webapi", https_port_)
+             : fmt::format("http://127.0.0.1:{}/webapi", http_port_);
+}
+
 WebAnswer WebServer::Get(const std::string& path) const {
-  return Exchange(fmt::format("http://127.0.0.1:{}{}", http_port_, path), nullptr);
+  return WebClient(fmt::format("http://127.0.0.1:{}{}", http_port_, path)).Get();
 }
 
 WebAnswer WebServer::Post(const WebCall& call, bool tls) const {
-  return Exchange(tls ? fmt::format("https://127.0.0.1:{}/webapi", https_port_)
-                      : fmt::format("http://127.0.0.1:{}/webapi", http_port_),
-                  &call);
+  return WebClient(Url(tls)).Post(call);
 }
 
 WebAnswer WebServer::Call(const std::string& token, const std::string& text) const {
-  return Post({text, {"Content-Type: application/json", "Authorization: Bearer " + token}});
+  return WebClient(Url(false)).Call(token, text);
 }
 
 WebAnswer WebServer::Login(const std::string& account, const std::string& password,
                            std::string* finish, const Json::Value& lifetime) const {
-  ScramClient client(account, password);
-  Json::Value request;
-  request["api"] = "VELA.Core.Login";
-  request["version"] = 1;
-  request["method"] = "start";
-  request["params"]["message"] = client.Step("");
-  const WebAnswer first = Post({Json::FastWriter().write(request)});
-  if (first.status != 200) {
-    return first;
-  }
-  request["method"] = "finish";
-  request["params"]["login"] = first.envelope["data"]["login"];
-  request["params"]["message"] = client.Step(first.envelope["data"]["message"].asString());
-  if (!lifetime.isNull()) {
-    request["params"]["lifetime"] = lifetime;
-  }
-  const std::string text = Json::FastWriter().write(request);
-  if (finish != nullptr) {
-    *finish = text;
-  }
-  WebAnswer last = Post({text});
-  if (last.status == 200) {
-    client.Step(last.envelope["data"]["message"].asString());
-    if (client.result() != GSASL_OK) {
-      throw std::runtime_error("the server does not know the account either");
-    }
-  }
-  return last;
+  return WebClient(Url(false)).Login(account, password, finish, lifetime);
 }
 
 std::string WebServer::Token(const std::string& account) const {

@@ -36,6 +36,25 @@ struct WebCall {
   std::vector<std::string> headers = {"Content-Type: application/json"};
 };
 
+/// A client that keeps its connection from one call to the next.
+class WebClient {
+ public:
+  explicit WebClient(const std::string& url);
+
+  WebAnswer Get();
+  WebAnswer Post(const WebCall& call);
+  /// With a token, as a program would.
+  WebAnswer Call(const std::string& token, const std::string& text);
+  /// Logs in; the last answer of the server's. `finish` gets the last call of the client's.
+  WebAnswer Login(const std::string& account, const std::string& password,
+                  std::string* finish = nullptr, const Json::Value& lifetime = Json::Value());
+
+ private:
+  WebAnswer Exchange();
+
+  std::shared_ptr<void> handle_;  // of the HTTP library
+};
+
 /// A cluster host's web server on loopback, with the mail user alice and the accounts "boss"
 /// ("admin") and "watcher" ("monitor").
 class WebServer {
@@ -52,11 +71,12 @@ class WebServer {
   /// How it was started.
   std::vector<std::string> CommandLine() const;
 
+  /// Where it takes calls.
+  std::string Url(bool tls) const;
+  /// Each over a connection of its own; but for the first argument, what `WebClient` does.
   WebAnswer Get(const std::string& path) const;
   WebAnswer Post(const WebCall& call, bool tls = false) const;
-  /// With a token, as a program would.
   WebAnswer Call(const std::string& token, const std::string& text) const;
-  /// Logs in; the last answer of the server's. `finish` gets the last call of the client's.
   WebAnswer Login(const std::string& account, const std::string& password,
                   std::string* finish = nullptr, const Json::Value& lifetime = Json::Value()) const;
   std::string Token(const std::string& account) const;

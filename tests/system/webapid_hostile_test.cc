@@ -367,7 +367,7 @@ TEST(WebapidHostileTest, BoundsTheMemoryOfBodiesThatArrive) {
     Say(sockets.back(), body);
   }
   EXPECT_THAT(server.Log(), HasSubstr("503 too many requests at once"));
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QUILLON_SANITIZED
   constexpr long kMost = 1024 * 1024;  // what was freed stays for a while
 #else
   constexpr long kMost = 330 * 1024;
