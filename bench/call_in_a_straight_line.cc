@@ -176,7 +176,7 @@ int main(int /*argc*/, char** argv) {
   const std::string world = argv[1];
   const std::string protocol = argv[2];
   const std::string host = protocol + "://127.0.0.1:" + argv[3];
-  const int calls = std::atoi(argv[4]);
+  const int calls = std::stoi(argv[4]);
   const std::string password = ReadLine(world + "/password");
   const std::string fingerprint = ReadLine(world + "/fingerprint");
 

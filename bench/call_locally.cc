@@ -38,7 +38,7 @@ void CallDirectly(const Json::Value& params) {
 
 int main(int /*argc*/, char** argv) {
   const bool is_direct = argv[1] == std::string("direct");
-  const int calls = std::atoi(argv[2]);
+  const int calls = std::stoi(argv[2]);
   quillon::platform::UseConfiguration({});
   Json::Value request;
   request["api"] = kAPI;

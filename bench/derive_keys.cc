@@ -2,7 +2,6 @@
 #include <openssl/evp.h>
 
 #include <array>
-#include <cstdlib>
 #include <string>
 
 #include <quillon/platform/web_accounts.h>
@@ -10,7 +9,7 @@
 #include "timing.h"
 
 int main(int /*argc*/, char** argv) {
-  const int count = std::atoi(argv[1]);
+  const int count = std::stoi(argv[1]);
   const std::string password = "correct horse";
   const std::array<unsigned char, quillon::platform::kWebSaltBytes> salt{};
   std::array<unsigned char, 32> key{};

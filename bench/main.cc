@@ -19,8 +19,8 @@
 #include "results.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
+#include "system/large_host.h"
 #include "web.h"
-#include "world.h"
 
 namespace quillon::bench {
 namespace {
@@ -84,7 +84,7 @@ class Bench {
 
   // A host of its own for a measurement.
   struct Host {
-    explicit Host(std::size_t users) { MakeHost(folder.path(), users, redis.socket()); }
+    explicit Host(std::size_t users) { test::MakeHost(folder.path(), users, redis.socket()); }
     std::string path() const { return folder.path(); }
 
     test::TemporaryFolder folder;
@@ -103,8 +103,8 @@ class Bench {
     fmt::print(stderr, "report of {} and of {} users\n", sizes_.users, sizes_.fewer_users);
     const Host many(sizes_.users);
     const Host fewer(sizes_.fewer_users);
-    FillStores(many.path());
-    FillStores(fewer.path());
+    test::FillStores(many.path());
+    test::FillStores(fewer.path());
     const auto runs = RunInTurn({{Program("report-by-library"), many.path()},
                                  {Program("report-in-a-straight-line"), many.path()},
                                  {Program("report-by-library"), fewer.path()},
@@ -128,7 +128,7 @@ class Bench {
   void SetQuota() {
     fmt::print(stderr, "quota of {} users\n", sizes_.changed_users);
     const Host host(sizes_.changed_users);
-    FillStores(host.path());
+    test::FillStores(host.path());
     const auto runs = RunInTurn({{Program("set-by-library"), host.path()},
                                  {Program("set-in-a-straight-line"), host.path()}},
                                 3 * sizes_.rounds);
@@ -143,10 +143,10 @@ class Bench {
     const Host many(sizes_.detailed_users);
     const Host fewer(sizes_.fewer_detailed_users);
     for (const Host* host : {&many, &fewer}) {
-      FillStores(host->path());
-      MakeGroups(host->path(),
-                 (host == &many ? sizes_.detailed_users : sizes_.fewer_detailed_users) / 8);
-      MakeMaildirs(host->path());
+      test::FillStores(host->path());
+      test::MakeGroups(host->path(),
+                       (host == &many ? sizes_.detailed_users : sizes_.fewer_detailed_users) / 8);
+      test::MakeMaildirs(host->path());
     }
     const auto runs = RunInTurn({{Program("details-by-library"), many.path()},
                                  {Program("details-in-a-straight-line"), many.path()},
@@ -164,7 +164,7 @@ class Bench {
     constexpr std::size_t kUsers = 100;
     fmt::print(stderr, "report of {} groups\n", sizes_.groups);
     const Host host(kUsers);
-    MakeGroups(host.path(), sizes_.groups);
+    test::MakeGroups(host.path(), sizes_.groups);
     const auto runs = RunInTurn({{Program("groups-by-library"), host.path()},
                                  {Program("groups-in-a-straight-line"), host.path()}},
                                 3 * sizes_.rounds);
@@ -178,7 +178,7 @@ class Bench {
     constexpr std::size_t kMailboxes = 100;
     fmt::print(stderr, "counting {} messages\n", sizes_.messages);
     const Host host(kMailboxes);
-    MakeMail(host.path(), sizes_.messages, names_carry_sizes);
+    test::MakeMail(host.path(), sizes_.messages, names_carry_sizes);
     const auto runs = RunInTurn({{Program("count-by-library"), host.path()},
                                  {"du", "-s", "--apparent-size", host.path() + "/spool"}},
                                 2 * sizes_.rounds);
@@ -191,7 +191,7 @@ class Bench {
   void FindOwnerless() {
     fmt::print(stderr, "finding {} ownerless mail directories\n", sizes_.ownerless);
     const Host host(1);
-    MakeOwnerlessMail(host.path(), sizes_.ownerless, 0);
+    test::MakeOwnerlessMail(host.path(), sizes_.ownerless, 0);
     const std::string what = fmt::format("find {} ownerless directories", sizes_.ownerless);
     const Command scan = {Program("scan-by-library"), host.path()};
     const Command find = {
@@ -209,7 +209,7 @@ class Bench {
     constexpr std::size_t kMailboxes = 100;
     fmt::print(stderr, "recounting {} ownerless files\n", sizes_.ownerless_files);
     const Host host(1);
-    MakeOwnerlessMail(host.path(), kMailboxes, sizes_.ownerless_files / kMailboxes);
+    test::MakeOwnerlessMail(host.path(), kMailboxes, sizes_.ownerless_files / kMailboxes);
     const std::vector<Command> commands = {{Program("recount-by-library"), host.path()},
                                            {"du", "-s", "--apparent-size", host.path() + "/spool"}};
     const std::string what = fmt::format("recount {} files beside du", sizes_.ownerless_files);
@@ -224,7 +224,7 @@ class Bench {
     fmt::print(stderr, "removing {} ownerless files\n", sizes_.removed_files);
     const Host host(1);
     const auto make = [&] {
-      MakeOwnerlessMail(host.path(), kMailboxes, sizes_.removed_files / kMailboxes);
+      test::MakeOwnerlessMail(host.path(), kMailboxes, sizes_.removed_files / kMailboxes);
       ::sync();
     };
     const auto runs = RunInTurn(

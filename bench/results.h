@@ -12,7 +12,7 @@ namespace quillon::bench {
 struct Target {
   enum Kind { kAtMost, kAtLeast, kNone };
 
-  Target(double at_most) : ratio(at_most) {}  // NOLINT: most targets are such
+  Target(double at_most) : ratio(at_most) {}  // NOLINT(google-explicit-constructor): most are such
   Target(Kind its_kind, double its_ratio) : kind(its_kind), ratio(its_ratio) {}
 
   bool IsMetBy(double measured) const {

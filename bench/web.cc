@@ -5,6 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -15,8 +16,8 @@
 #include "load.h"
 #include "support/loopback.h"
 #include "support/redis_server.h"
+#include "system/large_host.h"
 #include "system/web_server.h"
-#include "world.h"
 
 namespace quillon::bench {
 
@@ -57,13 +58,13 @@ void TrustServer(const test::WebServer& server) {
 // `kCall`.
 class PlainServer {
  public:
-  PlainServer(const std::string& program, const test::WebServer& ours)
+  PlainServer(std::string program, const test::WebServer& ours)
       : http_port_(test::FreePort()),
         https_port_(test::FreePort()),
         answer_(ours.folder().Write("answer", ours.Call(ours.Token("boss"), kCall).text)),
         certificate_(ours.folder() / "state/certificate.pem"),
         key_(ours.folder() / "state/private-key.pem"),
-        program_(program) {}
+        program_(std::move(program)) {}
 
   Command CommandLine() const {
     return {program_, std::to_string(http_port_), std::to_string(https_port_), certificate_, key_,
@@ -208,8 +209,8 @@ void WebBench::Memory() {
   constexpr double kMostMb = 20;
   const test::RedisServer redis;
   const test::WebServer server(fmt::format("[usage]\nsocket = \"{}\"\n", redis.socket()));
-  MakeAccounts(server.folder().path(), kUsers, kFirstUid);
-  FillStores(server.folder().path());
+  test::MakeAccounts(server.folder().path(), kUsers, kFirstUid);
+  test::FillStores(server.folder().path());
   LoadOptions load;
   load.token_file = server.folder().Write("token", server.Token("boss"));
   load.bodies.assign(9, server.folder().Write("call", kCall));

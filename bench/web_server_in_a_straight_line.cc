@@ -18,7 +18,7 @@
 
 namespace {
 
-std::string answer;  // NOLINT: the same for all
+std::string answer;
 
 std::string Read(const char* path) {
   std::ifstream file(path);
@@ -79,8 +79,8 @@ int main(int /*argc*/, char** argv) {
   const std::string key = Read(argv[4]);
   answer = Read(argv[5]);
   try {
-    Serve(0, std::atoi(argv[1]), certificate, key);
-    Serve(MHD_USE_TLS, std::atoi(argv[2]), certificate, key);
+    Serve(0, std::stoi(argv[1]), certificate, key);
+    Serve(MHD_USE_TLS, std::stoi(argv[2]), certificate, key);
   } catch (const std::exception& error) {
     std::cerr << "web-server-in-a-straight-line: " << error.what() << '\n';
     return EXIT_FAILURE;

@@ -1,4 +1,4 @@
-#include "world.h"
+#include "system/large_host.h"
 
 #include <unistd.h>
 
@@ -19,7 +19,7 @@
 
 #include "support/program.h"
 
-namespace quillon::bench {
+namespace quillon::test {
 
 namespace {
 
@@ -45,6 +45,7 @@ std::vector<std::string> MakeNames(std::size_t users) {
                                     "elisabeth", "fan",  "giuseppe", "hana"};
   std::vector<std::size_t> numbers(users);
   std::iota(numbers.begin(), numbers.end(), std::size_t{0});
+  // NOLINTNEXTLINE(bugprone-random-generator-seed,cert-msc32-c,cert-msc51-cpp): always the same
   std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
   std::vector<std::string> names;
   names.reserve(users);
@@ -188,4 +189,4 @@ void MakeOwnerlessMail(const std::string& folder, std::size_t maildirs, std::siz
   }
 }
 
-}  // namespace quillon::bench
+}  // namespace quillon::test

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-namespace quillon::bench {
+namespace quillon::test {
 
 /// Writes the files "passwd" and "group" of `users` accounts whose names are in no order, and the
 /// file "names" with the name of every user.
@@ -31,4 +31,4 @@ void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_
 /// Makes `maildirs` mail directories that belong to nobody, each with `messages` messages.
 void MakeOwnerlessMail(const std::string& folder, std::size_t maildirs, std::size_t messages);
 
-}  // namespace quillon::bench
+}  // namespace quillon::test
