@@ -35,6 +35,19 @@ install(TARGETS quillon-platform EXPORT mailserver-webapi
     NAMELINK_COMPONENT libmailserver-webapi-dev)
 install(TARGETS platform-interface mailserver-webapi-on-platform EXPORT mailserver-webapi
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+# The package's own WebAPIs, for programs that call them in their own process.
+set_target_properties(handlers PROPERTIES EXPORT_NAME handlers)
+install(TARGETS handlers EXPORT mailserver-webapi
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libmailserver-webapi-dev
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+# CMake strips no archives.
+install(CODE "
+  if(CMAKE_INSTALL_DO_STRIP)
+    file(GLOB_RECURSE archives \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libquillon-handlers.a\")
+    execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug --remove-section=.comment
+      --enable-deterministic-archives \${archives} COMMAND_ERROR_IS_FATAL ANY)
+  endif()"
+  COMPONENT libmailserver-webapi-dev)
 # The platform's library looks for it beside itself.
 install(TARGETS quillon-quota-postgresql
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT quillon-quota-postgresql)
@@ -49,7 +62,7 @@ file(CREATE_LINK "${way_to_parts}/quillon-webapid" "${CMAKE_BINARY_DIR}/link/qui
 install(FILES "${CMAKE_BINARY_DIR}/link/quillon-webapid"
   DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT quillon-webapid)
 
-foreach(headers include platform/include platform/linux/include)
+foreach(headers include platform/include platform/linux/include handlers/include)
   install(DIRECTORY "${PROJECT_SOURCE_DIR}/${headers}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
     COMPONENT libmailserver-webapi-dev FILES_MATCHING PATTERN "*.h")
 endforeach()

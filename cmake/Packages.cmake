@@ -21,9 +21,17 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   "${PROJECT_BINARY_DIR}/lib-webapi" "${PROJECT_BINARY_DIR}/platform/linux")
 set(CPACK_COMPONENTS_ALL)
 
+# What Debian wants of every package: a changelog and who has the rights.
+set(changelog "${PROJECT_BINARY_DIR}/changelog")
+configure_file(packaging/debian/changelog.in "${changelog}" @ONLY)
+add_custom_command(OUTPUT "${changelog}.gz" COMMAND gzip -9nkf "${changelog}"
+  DEPENDS "${changelog}" VERBATIM)
+add_custom_target(debian-changelog ALL DEPENDS "${changelog}.gz")
+
 # quillon_package(NAME SECTION SUMMARY DESCRIPTION
 #                 [DEPENDS …] [RECOMMENDS …] [SUGGESTS …] [CONTROL FILE…])
 #   a package of the component of that name; the dependencies on what the binaries need come by themselves.
+#   packaging/debian/NAME may have its lintian overrides.
 function(quillon_package name section summary description)
   cmake_parse_arguments(ARG "" "" "DEPENDS;RECOMMENDS;SUGGESTS;CONTROL" ${ARGN})
   string(TOUPPER "${name}" component)
@@ -39,34 +47,43 @@ function(quillon_package name section summary description)
   set(${prefix}_SECTION "${section}" PARENT_SCOPE)
   set(CPACK_DEBIAN_${component}_DESCRIPTION "${summary}\n${description}" PARENT_SCOPE)
   set(CPACK_COMPONENTS_ALL ${CPACK_COMPONENTS_ALL} "${name}" PARENT_SCOPE)
+
+  install(FILES "${changelog}.gz" "${PROJECT_SOURCE_DIR}/packaging/debian/copyright"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${name}" COMPONENT "${name}")
+  set(overrides "${PROJECT_SOURCE_DIR}/packaging/debian/${name}/lintian-overrides")
+  if(EXISTS "${overrides}")
+    install(FILES "${overrides}" RENAME "${name}"
+      DESTINATION "${CMAKE_INSTALL_DATADIR}/lintian/overrides" COMPONENT "${name}")
+  endif()
 endfunction()
 
 quillon_package(libmailserver-webapi0 libs
   "mail administration library of the Quillon mail server"
-  "Quota, usage and storage of mail users and groups, ownerless mail, and WebAPIs of other hosts."
-  RECOMMENDS "quillon-platform =VERSION")
+  "Quota, usage and storage of mail users and groups, ownerless mail, and\nWebAPIs of other hosts."
+  RECOMMENDS "quillon-platform =VERSION"
+  CONTROL triggers)
 quillon_package(libmailserver-webapi-dev libdevel
   "mail administration library of the Quillon mail server, for developers"
-  "Headers, files for CMake and pkg-config, and an example of a WebAPI of one's own."
+  "Headers, files for CMake and pkg-config, and an example of a WebAPI of\none's own."
   DEPENDS "libmailserver-webapi0 =VERSION" "quillon-platform =VERSION" libjsoncpp-dev)
 quillon_package(quillon-platform libs
   "Quillon mail server on a plain Linux host"
-  "Accounts, mail directories, quota and usage stores for the library, and its configuration."
+  "Accounts, mail directories, quota and usage stores for the library, and\nits configuration."
   DEPENDS "libmailserver-webapi0 =VERSION"
   SUGGESTS redis-server quillon-quota-postgresql
-  CONTROL conffiles postinst postrm)
+  CONTROL conffiles postinst postrm triggers)
 quillon_package(quillon-quota-postgresql libs
   "Quillon mail server: quotas in PostgreSQL"
   "The module for hosts whose quota store is a PostgreSQL server."
   DEPENDS "quillon-platform =VERSION")
 quillon_package(quillon-tools admin
   "Quillon mail server: command line"
-  "quillonctl shows and sets quotas, counts and removes mail, on this host or another of the cluster."
+  "quillonctl shows and sets quotas, counts and removes mail, on this host or\nanother of the cluster."
   DEPENDS "quillon-platform =VERSION")
 quillon_package(quillon-webapid admin
   "Quillon mail server: web server of a cluster host"
   "Lets other hosts and HTTP clients call the WebAPIs of this one, over TLS."
-  DEPENDS "quillon-platform =VERSION" "systemd | systemd-standalone-sysusers | systemd-sysusers"
+  DEPENDS "quillon-platform =VERSION" "systemd | systemd-standalone-sysusers | systemd-sysusers" procps
   RECOMMENDS quillon-tools
   CONTROL postinst prerm postrm)
 include(CPack)

@@ -5,8 +5,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include <fmt/format.h>
-
 #include <quillon/handlers/size.h>
 #include <velamailserver/utils/math.h>
 
@@ -46,13 +44,14 @@ unsigned long long ParseSize(const std::string& text) {
   const auto [rest, error] = std::from_chars(text.data(), end, number);
   const unsigned long long factor = rest == end ? 1 : rest + 1 == end ? FactorOf(*rest) : 0;
   if (error == std::errc::invalid_argument || factor == 0) {
-    throw std::invalid_argument(
-        fmt::format("[{}] is not a size: a whole number, then B, K, M, G or nothing", text));
+    throw std::invalid_argument("[" + text +
+                                "] is not a size: a whole number, then B, K, M, G or nothing");
   }
   if (error == std::errc::result_out_of_range ||
       number > std::numeric_limits<unsigned long long>::max() / factor) {
-    throw std::invalid_argument(fmt::format("[{}] is too large, a size has at most {} bytes", text,
-                                            std::numeric_limits<unsigned long long>::max()));
+    throw std::invalid_argument("[" + text + "] is too large, a size has at most " +
+                                std::to_string(std::numeric_limits<unsigned long long>::max()) +
+                                " bytes");
   }
   return number * factor;
 }
@@ -69,8 +68,11 @@ std::string FormatSize(unsigned long long bytes) {
       break;
     }
   }
-  return amount == std::floor(amount) ? fmt::format("{:.0f}{}", amount, letter)
-                                      : fmt::format("{:.1f}{}", amount, letter);
+  std::array<char, 32> digits{};
+  const int decimals = amount == std::floor(amount) ? 0 : 1;
+  const auto end =
+      std::to_chars(digits.begin(), digits.end(), amount, std::chars_format::fixed, decimals);
+  return std::string(digits.begin(), end.ptr) + letter;
 }
 
 }  // namespace quillon::handlers

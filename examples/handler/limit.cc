@@ -24,8 +24,10 @@ Json::UInt64 LimitOf(const std::string& name) {
 }
 
 Json::Value FindLargest(const Json::Value& params) {
-  if (!params.isObject() || !params["names"].isArray() || params["names"].empty()) {
-    throw APIError(APIRunner::kBadParameters, "\"names\" must be a list of names");
+  // A parameter that is unknown here may be a misspelt one that matters.
+  if (!params.isObject() || params.size() != 1 || !params["names"].isArray() ||
+      params["names"].empty()) {
+    throw APIError(APIRunner::kBadParameters, "\"names\", a list of names, is what is needed");
   }
   Json::Value largest;
   Json::UInt64 largest_limit = 0;

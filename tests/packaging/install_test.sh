@@ -31,4 +31,4 @@ echo "== the headers need nothing but each other"
 (cd "$prefix/include" && find . -name '*.h' -printf '#include <%P>\n') >"$work/all.cc"
 g++ -std=c++17 -fsyntax-only -Wall -Werror -I "$prefix/include" -isystem /usr/include/jsoncpp "$work/all.cc"
 
-"$(dirname "$0")/use_installed.sh" "$prefix" "$source/examples/handler" nobody
+"$(dirname "$0")/use_installed.sh" "$prefix" "$source/docs/handlers.md" nobody

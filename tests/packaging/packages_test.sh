@@ -1,12 +1,11 @@
 #!/bin/bash
 # packages_test.sh PACKAGES BASE: installs the packages in the folder PACKAGES in a fresh minimal Debian
-# tree, uses them there, and removes them again. BASE is the minimal tree, which is made when it is
-# missing, and is not changed. Needs root, mmdebstrap and a Debian mirror.
+# tree, uses them there, upgrades them and goes back, and removes them again. BASE is the minimal tree, which
+# is not changed. Needs root and a Debian mirror.
 set -euo pipefail
 export LC_ALL=C
 
-packages=$(realpath "$1") base=$2 here=$(dirname "$(realpath "$0")")
-[ -d "$base" ] || mmdebstrap --quiet --variant=apt bookworm "$base"
+packages=$(realpath "$1") base=$(realpath "$2") here=$(dirname "$(realpath "$0")")
 
 if [ "${3-}" != inside ]; then
   work=$(mktemp -d)
@@ -18,12 +17,12 @@ fi
 
 mkdir "$WORK"/{upper,overlay,tree}
 tree=$WORK/tree
-mount -t overlay packages-test -o "lowerdir=$(realpath "$base"),upperdir=$WORK/upper,workdir=$WORK/overlay" "$tree"
+mount -t overlay packages-test -o "lowerdir=$base,upperdir=$WORK/upper,workdir=$WORK/overlay" "$tree"
 mount -t proc proc "$tree/proc"
 mount --rbind /dev "$tree/dev"
 cp -L /etc/resolv.conf "$tree/etc/resolv.conf"
 mkdir "$tree/packages"
-cp "$packages"/*.deb "$here/use_installed.sh" "$tree/packages"
+cp "$packages"/*.deb "$here/use_installed.sh" "$here/../../docs/handlers.md" "$tree/packages"
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 run() { DEBIAN_FRONTEND=noninteractive chroot "$tree" "$@" </dev/null; }
@@ -63,12 +62,35 @@ done
 run systemd-analyze verify --man=no quillon-webapid.service || fail "the service"
 
 echo "== use"
-run /packages/use_installed.sh /usr /usr/share/doc/libmailserver-webapi-dev/examples/handler quillon-web
+apt install --no-install-recommends curl  # only now: it would bring a library that the packages could miss
+run /packages/use_installed.sh /usr /packages/handlers.md quillon-web
 # With the configuration as it is installed.
 run quillonctl user set-quota --limit 2M --warning 1M ann
 [ -s "$tree/var/lib/quillon/quota.db" ] || fail "no quota store"
 
+echo "== upgrade, and back"
+"$here/raise_version.sh" "$packages" "$tree/packages/newer" 9.0.0
+versions() { dpkg-query --admindir="$tree/var/lib/dpkg" -W -f '${Version}\n' "${ours[@]}" | sort -u; }
+settings=$tree/etc/quillon/mailserver.toml
+version=$(versions)
+limits=$(cksum <"$tree/var/lib/quillon/quota.db")
+# A default that nobody has changed is replaced without a question.
+apt install --no-install-recommends $(cd "$tree" && printf '/%s ' packages/newer/*.deb)
+[ "$(versions)" = 9.0.0 ] || fail "not all packages are upgraded: $(versions)"
+grep -q "version 9.0.0" "$settings" || fail "the default configuration is not the new one"
+sed -i 's/^#max_uid = .*/max_uid = 50000/' "$settings"
+! run apt-get -qq install -y $(cd "$packages" && printf '/packages/%s ' *.deb) >/dev/null 2>"$WORK/refused" ||
+  fail "it goes back without being told to"
+grep -q -e --allow-downgrades "$WORK/refused" || fail "the refusal is not clear: $(cat "$WORK/refused")"
+apt install --no-install-recommends --allow-downgrades -o Dpkg::Options::=--force-confold \
+  $(cd "$packages" && printf '/packages/%s ' *.deb)
+[ "$(versions)" = "$version" ] || fail "not all packages are those of before: $(versions)"
+grep -q '^max_uid = 50000' "$settings" || fail "the configuration was changed"
+[ "$(cksum <"$tree/var/lib/quillon/quota.db")" = "$limits" ] || fail "the quota store was changed"
+run quillonctl user set-quota --limit 2M --warning 1M ann
+
 echo "== remove"
+apt remove --purge curl
 apt remove "${ours[@]}"
 [ -e "$tree/etc/quillon/mailserver.toml" ] || fail "the configuration was removed"
 run dpkg --purge "${ours[@]}" >/dev/null 2>&1 || fail "dpkg --purge"

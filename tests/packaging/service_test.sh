@@ -31,20 +31,7 @@ chroot . apt-get -qq update
 chroot . apt-get -qq install --no-install-recommends systemd-sysv dbus redis-server procps \
   $(printf "/%s " packages/*.deb) </dev/null
 
-# What a container gives the system that boots in it.
-umount -l dev
-mount -t sysfs -o ro sysfs sys
-mount -t cgroup2 cgroup2 sys/fs/cgroup
-mount -t tmpfs -o mode=755 tmpfs dev
-for device in null:1:3 zero:1:5 full:1:7 random:1:8 urandom:1:9 tty:5:0 ptmx:5:2; do
-  IFS=: read -r name major minor <<<"$device"
-  mknod -m 666 "dev/$name" c "$major" "$minor"
-done
-mkdir dev/{shm,pts}
-touch dev/console
-mount -t tmpfs tmpfs run
-mount -t tmpfs tmpfs tmp
-
+umount -R -l proc dev
 install -m 755 "$here/service_guest.sh" root/guest.sh
 cat >etc/systemd/system/guest.service <<'UNIT'
 [Unit]
@@ -59,7 +46,4 @@ UNIT
 mkdir -p etc/systemd/system/multi-user.target.wants
 ln -s ../guest.service etc/systemd/system/multi-user.target.wants/
 
-mkdir former
-pivot_root . former
-umount -l /former
-exec env -i container=other PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd --system
+exec "$here/boot_tree.sh" "$tree"

@@ -39,9 +39,10 @@ namespace quillon::handlers {
 ///                  directory (a link is none) of their own: only their usage entries are deleted.
 ///                  Users who share a uid share a directory; it is the first one's. A missing
 ///                  maildir root, or anything else that keeps a directory from being looked up,
-///                  refuses the call with `ERR_LSTAT_FILE` before anything is removed. When the
-///                  usage store fails after that, the error is `ERR_REDIS_DELETE_KEY`, its "data"
-///                  is {"removed", "left", "without"}, and to call again finishes the job.
+///                  refuses the call with `ERR_LSTAT_FILE` or `ERR_SDK_FILE_ENUM_DIR` before
+///                  anything is removed. When the usage store fails after that, the error is
+///                  `ERR_REDIS_DELETE_KEY`, its "data" is {"removed", "left", "without"}, and to
+///                  call again finishes the job.
 ///
 /// "Quillon.MailServer.Group" version 1, sizes in bytes; names as for the users. Unknown names
 /// refuse the call with `ERR_SDK_GROUP_GET`.

@@ -1,0 +1,188 @@
+#!/bin/bash
+# operations_test.sh PACKAGES BASE: boots two hosts that know each other by name, and does on them what
+# docs/operations.md says: every block of commands in it below a line "<!-- run: NAME -->".
+# PACKAGES has the Debian packages, BASE is a minimal Debian tree, which is not changed. Needs root and a
+# Debian mirror.
+set -euo pipefail
+export LC_ALL=C
+
+packages=$(realpath "$1") base=$(realpath "$2") here=$(dirname "$(realpath "$0")")
+document=$here/../../docs/operations.md
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+if [ "${3-}" = host ]; then
+  # In namespaces of its own.
+  cd "$WORK/$4"
+  mount -t overlay host -o "lowerdir=$WORK/layer:$base,upperdir=$WORK/$4/upper,workdir=$WORK/$4/work" tree
+  echo "$4" >tree/etc/hostname
+  printf '%s\n' '127.0.0.1 localhost' '10.99.0.1 mail1' '10.99.0.2 mail2' >tree/etc/hosts
+  exec "$here/boot_tree.sh" "$WORK/$4/tree"
+fi
+if [ "${3-}" != inside ]; then
+  work=$(mktemp -d)
+  trap 'rm -rf --one-file-system "$work"' EXIT
+  WORK=$work timeout 600 unshare --mount --pid --mount-proc --fork --kill-child --propagation private \
+    "$0" "$packages" "$base" inside
+  exit
+fi
+
+# The commands of a block of the document.
+block() {
+  echo "$1" >>"$WORK/used"
+  awk -v mark="<!-- run: $1 -->" '
+    $0 == mark { is_found = 1; next }
+    is_found && /^```/ { if (is_inside) exit; is_inside = 1; next }
+    is_inside' "$document" | grep . || fail "the document has no block $1"
+}
+
+make_layer() {
+  local tree=$WORK/tree install
+  install=$(block install)
+  install+=$'\n'$(block postgresql-install)
+  mkdir "$WORK"/{layer,layer-work,tree}
+  mount -t overlay layer -o "lowerdir=$base,upperdir=$WORK/layer,workdir=$WORK/layer-work" "$tree"
+  mount -t proc proc "$tree/proc"
+  mount --rbind /dev "$tree/dev"
+  cp -L /etc/resolv.conf "$tree/etc/resolv.conf"
+  mkdir "$tree/root/packages"
+  cp "$packages"/*.deb "$tree/root/packages"
+  "$here/raise_version.sh" "$packages" "$tree/root/newer" 9.0.0
+  {
+    echo 'export DEBIAN_FRONTEND=noninteractive; cd'
+    echo 'apt-get -qq update; apt-get -qq install --no-install-recommends systemd-sysv dbus iproute2 procps'
+    echo "$install"
+  } | chroot "$tree" bash -euo pipefail >"$WORK/install.log" 2>&1 || { cat "$WORK/install.log"; fail install; }
+  umount -R "$tree"
+}
+
+declare -A process
+boot() {  # NAME
+  mkdir -p "$WORK/$1"/{upper,work,tree}
+  setpriv --pdeathsig KILL unshare --mount --pid --ipc --uts --net --cgroup --fork --kill-child \
+    --propagation private "$0" "$packages" "$base" host "$1" >"$WORK/$1/log" 2>&1 &
+  local namespaces=$!
+  for _ in $(seq 100); do
+    process[$1]=$(tr -d ' ' <"/proc/$namespaces/task/$namespaces/children")
+    [ -z "${process[$1]}" ] || return 0
+    sleep 0.05
+  done
+  fail "$1 does not begin: $(cat "$WORK/$1/log")"
+}
+in_host() {  # NAME COMMAND...
+  nsenter --target "${process[$1]}" --mount --pid --ipc --uts --net --cgroup \
+    env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 "${@:2}"
+}
+wait_for() {  # NAME
+  for _ in $(seq 300); do
+    ! in_host "$1" systemctl is-active --quiet multi-user.target 2>/dev/null || return 0
+    sleep 0.2
+  done
+  fail "$1 does not boot: $(tail -5 "$WORK/$1/log")"
+}
+connect() {
+  ip link add eth0 netns "${process[mail1]}" type veth peer name eth0 netns "${process[mail2]}"
+  in_host mail1 ip addr add 10.99.0.1/24 dev eth0
+  in_host mail2 ip addr add 10.99.0.2/24 dev eth0
+  in_host mail1 ip link set eth0 up
+  in_host mail2 ip link set eth0 up
+}
+# Runs commands on a host, as in one shell; shows what they print when they fail.
+on() {  # NAME <<<COMMANDS
+  (echo cd; cat) | in_host "$1" bash -euo pipefail >"$WORK/output" 2>&1 || { cat "$WORK/output"; fail "on $1"; }
+}
+does() {  # NAME BLOCK...
+  local name commands
+  for name in "${@:2}"; do
+    echo "   $1: $name"
+    commands=$(block "$name")
+    on "$1" <<<"$commands"
+  done
+}
+shows() {  # TEXT: the commands before have printed it
+  grep -qF -e "$1" "$WORK/output" || { cat "$WORK/output"; fail "'$1' is not there"; }
+}
+
+echo "== two hosts with the packages"
+make_layer
+boot mail1
+boot mail2
+wait_for mail1
+wait_for mail2
+connect
+
+# What a mail server would do.
+deliver='deliver() {  # NAME OWNER MESSAGE
+  mkdir -p "/var/spool/quillon/local/$1"/{cur,new,tmp}
+  echo hello >"/var/spool/quillon/local/$1/cur/$3"
+  chown -R "$2" "/var/spool/quillon/local/$1"
+}'
+limits='quillonctl user list --json | grep -E "\"(limit|name|quota|warning)\""; quillonctl group list --json'
+same_limits() {  # FILE: the limits of mail1 are as they were when the file was made
+  on mail1 <<<"$limits"
+  diff "$1" "$WORK/output" || fail "the limits are not what they were"
+}
+
+echo "== install, configure, the first report"
+for host in mail1 mail2; do
+  does "$host" spool virtual-users
+  on "$host" <<<"$deliver; deliver ann 20001:20000 1; deliver gone 40000:40000 1"
+  does "$host" first-report
+  shows "bob   yes             2G            -     0B  -"
+  does "$host" count-timer web-account probe
+  shows "https://127.0.0.1:5001 answers"
+done
+
+echo "== several hosts"
+does mail2 fingerprint
+fingerprint=$(cat "$WORK/output")
+in_host mail2 cat /root/boss-password | in_host mail1 bash -c 'umask 077; cat >/root/mail2-password'
+does mail1 trust
+shows "$fingerprint"
+does mail1 join token monitor-account
+
+echo "== every day"
+does mail1 bulk ownerless watch log
+
+echo "== backup and restore"
+on mail1 <<<'quillonctl user set-quota --limit 0 --warning 0 ann; quillonctl privilege revoke bob'
+on mail1 <<<"$limits"
+cp "$WORK/output" "$WORK/limits"
+does mail1 backup
+on mail1 <<<'quillonctl user clear-quota ann; quillonctl group clear-quota sales; rm -r /etc/quillon
+  redis-cli flushall; systemctl stop quillon-webapid; rm -r /var/lib/quillon/webapid'
+does mail1 restore
+same_limits "$WORK/limits"
+on mail1 <<<'quillonctl privilege list; quillonctl host status mail2 --account boss --password-file /root/mail2-password
+  for _ in $(seq 50); do ! quillonctl host probe 127.0.0.1:5001 || exit 0; sleep 0.1; done; exit 1'
+shows "bob"
+
+echo "== upgrade, and back"
+starts() { in_host mail1 journalctl --no-pager -u quillon-webapid | grep -c Started; }
+on mail1 <<<'sed -i "s/^#session_lifetime = .*/session_lifetime = 900/" /etc/quillon/mailserver.toml'
+before=$(starts)
+does mail1 upgrade
+[ "$(starts)" = $((before + 1)) ] || fail "the web server was started $(($(starts) - before)) times"
+on mail1 <<<'dpkg-query -W quillon-webapid; grep "^session_lifetime" /etc/quillon/mailserver.toml
+  grep version /etc/quillon/mailserver.toml.dpkg-dist; systemctl is-active quillon-webapid'
+shows "9.0.0"
+same_limits "$WORK/limits"
+does mail1 downgrade
+same_limits "$WORK/limits"
+on mail1 <<<'systemctl is-active quillon-webapid'
+
+echo "== from SQLite to PostgreSQL"
+# Of a number without an account, and with a limit that has no warning.
+on mail1 <<<'sqlite3 /var/lib/quillon/quota.db "INSERT INTO user_limit VALUES (4000000000, '"'o,\"x\"', '18446744073709551615'"')"'
+does mail1 postgresql-database postgresql-stop postgresql-switch postgresql-copy postgresql-compare
+[ "$(cat "$WORK/output")" = "the same" ] || fail "$(cat "$WORK/output")"
+same_limits "$WORK/limits"
+does mail1 postgresql-start
+on mail1 <<<'quillonctl --host 127.0.0.1 --account boss --password-file /root/boss-password group list; quillon-backup
+  quillonctl user clear-quota ann; quillonctl group clear-quota sales'
+does mail1 restore-postgresql
+same_limits "$WORK/limits"
+
+# Every block was run.
+unused=$(sed -n 's/^<!-- run: \(.*\) -->$/\1/p' "$document" | sort | comm -23 - <(sort -u "$WORK/used"))
+[ -z "$unused" ] || fail "these blocks were not run: $unused"
+echo "== all is well"
