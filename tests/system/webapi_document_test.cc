@@ -1,6 +1,6 @@
 // An ordinary HTTP client, on a host of its own, that does what docs/webapi.md says, word for word.
-#include <fstream>
-#include <iterator>
+#include "system/webapi_document.h"
+
 #include <map>
 #include <memory>
 #include <regex>
@@ -32,32 +32,6 @@ const std::map<std::string, std::string> kWords = {{"HOST", "hostb"}, {"FILE", "
 
 constexpr char kHome[] = "/etc/quillon";  // where the client keeps its files
 
-std::string Document() {
-  std::ifstream file(WEBAPI_DOCUMENT);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// The document's blocks of code in one language.
-std::vector<std::string> Blocks(const std::string& language) {
-  std::vector<std::string> blocks;
-  std::istringstream text(Document());
-  std::string line;
-  while (std::getline(text, line)) {
-    if (!line.starts_with("```")) {
-      continue;
-    }
-    const bool is_wanted = line == "```" + language;
-    std::string block;
-    while (std::getline(text, line) && line != "```") {
-      block += line + "\n";
-    }
-    if (is_wanted) {
-      blocks.push_back(block);
-    }
-  }
-  return blocks;
-}
-
 // A block with all placeholders filled in. Names of the shell's own variables are none.
 std::string Filled(const std::string& block, const std::map<std::string, std::string>& words) {
   static const std::regex word(R"((\$?)\b([A-Z]{2,}(?:-[A-Z]+)*)\b(=\$\()?)");
@@ -79,7 +53,7 @@ std::string Filled(const std::string& block, const std::map<std::string, std::st
 
 // The one block of commands that begins with this one.
 std::string Commands(const std::string& program) {
-  for (const std::string& block : Blocks("sh")) {
+  for (const std::string& block : WebapiDocumentBlocks("sh")) {
     if (block.starts_with(program)) {
       return Filled(block, kWords);
     }
@@ -88,14 +62,12 @@ std::string Commands(const std::string& program) {
 }
 
 TEST(WebapiDocumentTextTest, HasCommandsThatAreKnownHere) {
-  EXPECT_THAT(Blocks("sh"), SizeIs(4));
-  EXPECT_THAT(Blocks("http"), SizeIs(1));
+  EXPECT_THAT(WebapiDocumentBlocks("sh"), SizeIs(5));
+  EXPECT_THAT(WebapiDocumentBlocks("http"), SizeIs(1));
   EXPECT_THROW(Filled("curl https://HOST/UNKNOWN", kWords), std::runtime_error);
-  for (const std::string& example : Blocks("json")) {
-    std::istringstream lines(example);
-    for (std::string line; std::getline(lines, line);) {
-      EXPECT_TRUE(Parse(line)["success"].isBool()) << line;
-    }
+  std::istringstream envelopes(WebapiDocumentBlocks("json").at(0));
+  for (std::string line; std::getline(envelopes, line);) {
+    EXPECT_TRUE(Parse(line)["success"].isBool()) << line;
   }
 }
 
@@ -173,7 +145,7 @@ TEST_F(WebapiDocumentTest, CallsWithAToken) {
 
   // The request as it is written out, by whatever client.
   const std::string request =
-      Filled(Blocks("http").at(0),
+      Filled(WebapiDocumentBlocks("http").at(0),
              {{"HOST", "hostb"}, {"TOKEN", token_}, {"POST", "POST"}, {"HTTP", "HTTP"}});
   const std::size_t body = request.find("\n\n") + 2;
   std::istringstream head(request.substr(0, body - 1));
@@ -213,7 +185,7 @@ TEST_F(WebapiDocumentTest, LogsInByItself) {
   EXPECT_EQ(Answer(call)["success"], true);
 
   std::smatch end;
-  const std::string document = Document();
+  const std::string document = WebapiDocument();
   ASSERT_TRUE(std::regex_search(document, end, std::regex(R"(`(\{[^`]*"end"\})`)")));
   const std::string post =
       "--header 'Content-Type: application/json' --header \"Authorization: Bearer $TOKEN\" "
@@ -258,7 +230,7 @@ TEST_F(WebapiDocumentTest, HasTheStatusesOfItsTable) {
       {431, {json + token + names + "--header 'X-Long: " + std::string(17000, 'x') + "'" + url}},
   };
   std::set<int> documented;
-  const std::string document = Document();
+  const std::string document = WebapiDocument();
   const std::regex row(R"(\n\| ([0-9, ]+) \|)");
   for (std::sregex_iterator match(document.begin(), document.end(), row), end; match != end;
        ++match) {
