@@ -289,6 +289,17 @@ TEST_F(ResourceInfoTest, ThrowsWhereTheAnswerDoesNotHoldWhatItShould) {
   }
 }
 
+TEST_F(ResourceInfoTest, KeepsTheFiguresBeforeTheOneThatThrows) {
+  const auto kept = [this](const std::string& total) {
+    SetWorld(R"({"memory": {"real_usage": 25}, "network": [{"device": "total", )" + total + "}]}");
+    Json::Value out;
+    EXPECT_THROW(Get(out), Json::LogicError);
+    return Typed(out);
+  };
+  EXPECT_EQ(kept(R"("tx": "1", "rx": 2)"), R"({"cpu":0,"ram":25})");
+  EXPECT_EQ(kept(R"("tx": 1, "rx": "2")"), R"({"cpu":0,"network_upload":1,"ram":25})");
+}
+
 TEST_F(ResourceInfoTest, KeepsTheLoadWhenThePortThrows) {
   for (const char* body : {"5", R"({"success": "true"})", R"({"success": true, "data": 5})"}) {
     SCOPED_TRACE(body);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <new>
 #include <optional>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -170,6 +171,9 @@ struct EndOfChild {
   Failure failure;
   int status;
 };
+
+// Without it GoogleTest would read all of its bytes, those between the members too.
+std::ostream& operator<<(std::ostream& stream, const EndOfChild& end) { return stream << end.name; }
 
 class AnyEndOfTheChild : public NoOwnerChildTest, public testing::WithParamInterface<EndOfChild> {};
 
