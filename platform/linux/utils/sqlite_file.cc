@@ -1,5 +1,8 @@
 #include "utils/sqlite_file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -26,9 +29,12 @@ constexpr int kUnusablePathLine = 34;
 constexpr int kFileNotCreatedLine = 47;
 constexpr int kNotAFileLine = 52;
 
-// SQLite keeps files of its own beside the database.
 std::string AccessRemedy(const std::string& path) {
   return fmt::format("run this as root, or as a user who may write to {} and to its folder", path);
+}
+
+bool MayWrite(const std::string& path) {
+  return ::faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) == 0 || errno != EACCES;
 }
 
 void CreateFile(const SqliteFile& file) {
@@ -55,11 +61,11 @@ void CreateFile(const SqliteFile& file) {
 }  // namespace
 
 std::optional<struct stat> ExamineSqliteFile(const SqliteFile& file) {
-  // SOCI's connection string cannot carry it.
-  if (file.path.find('"') != std::string::npos) {
+  // To SOCI that would be a list of parameters.
+  if (file.path.find('=') != std::string::npos) {
     throw LogException(
         ERR_BAD_DB_SESSION,
-        fmt::format("{} [{}]: its path must not hold a quote", file.purpose, file.path), 3,
+        fmt::format("{} [{}]: its path must not hold an equals sign", file.purpose, file.path), 3,
         kSourceFile, kUnusablePathLine);
   }
   struct stat status {};
@@ -84,8 +90,12 @@ struct stat ProvideSqliteFile(const SqliteFile& file) {
 }
 
 std::unique_ptr<soci::session> OpenSqliteFile(const SqliteFile& file) {
-  return std::make_unique<soci::session>(
-      soci::sqlite3, fmt::format("dbname=\"{}\" timeout={}", file.path, file.busy_timeout));
+  // Nothing but the path, and so no time-out: SOCI goes on for ever in a list of parameters when
+  // memory ends while it reads that.
+  auto session = std::make_unique<soci::session>(soci::sqlite3, file.path);
+  constexpr int kMillisecondsPerSecond = 1000;
+  *session << fmt::format("PRAGMA busy_timeout = {}", file.busy_timeout * kMillisecondsPerSecond);
+  return session;
 }
 
 // A switch to WAL that meets another program's is refused at once, whatever the busy time-out is.
@@ -113,7 +123,12 @@ int SqliteResult(const soci::soci_error& error) {
 
 std::string SqliteRemedy(const soci::soci_error& error, const SqliteFile& file) {
   const int result = SqliteResult(error);
-  return result == SQLITE_CANTOPEN || result == SQLITE_READONLY ? AccessRemedy(file.path) : "";
+  if (result != SQLITE_CANTOPEN && result != SQLITE_READONLY) {
+    return "";
+  }
+  // SQLite keeps files of its own beside the database. Both errors have other reasons, too.
+  const std::string folder = std::filesystem::path(file.path).parent_path();
+  return MayWrite(file.path) && MayWrite(folder) ? "" : AccessRemedy(file.path);
 }
 
 }  // namespace quillon::platform
