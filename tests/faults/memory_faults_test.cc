@@ -3,6 +3,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ struct Request {
   bool is_unsteady = false;
   /// It leaves out what it cannot find out, which it logs.
   bool may_leave_out = false;
+  /// What it may say in the place of `grant` when it cannot find out, which it logs.
+  std::string denial = {};
+  std::string grant = {};
   /// It can be done once only, so that each time everything begins anew.
   std::set<std::string> doomed = {};
 };
@@ -58,7 +62,10 @@ std::vector<Request> Requests() {
   return {
       {.name = "ListUsers", .parts = {Text(user, "list")}},
       {.name = "NamesOfUsers", .parts = {Text(user, "names")}},
-      {.name = "DetailsOfUsers", .parts = {Text(user, "details", names + "}")}},
+      {.name = "DetailsOfUsers",
+       .parts = {Text(user, "details", names + "}")},
+       .denial = R"("has_app_privilege":false)",
+       .grant = R"("has_app_privilege":true)"},
       {.name = "SetQuota",
        .parts = {Text(user, "set_quota", names + R"(,"limit":8192,"warning":4096})")},
        .opposite = {Text(user, "set_quota", names + R"(,"limit":2048,"warning":1024})")}},
@@ -109,6 +116,8 @@ std::optional<bool> Success(const std::string& text) {
   return envelope["success"].asBool();
 }
 
+constexpr char kEnded[] = "the worker ended";
+
 class MemoryFaultsTest : public testing::TestWithParam<Request> {
  protected:
   MemoryFaultsTest() {
@@ -150,12 +159,18 @@ class MemoryFaultsTest : public testing::TestWithParam<Request> {
 
   std::string AnswerTo(const Side& side) {
     const auto frame = worker_->Ask(side.parts);
-    return frame ? frame->parts.front() : "the worker ended";
+    return frame ? frame->parts.front() : kEnded;
   }
 
-  // Asks it when nothing fails.
-  void ExpectAnswer(const Side& side) {
-    const std::string answer = AnswerTo(side);
+  // Asks it when nothing fails. Where memory ends at the very end of loading a name service's
+  // module, the C library takes it for loaded from then on, and its next use ends the worker.
+  void ExpectAnswer(const Side& side, const std::string& earlier_answer = "") {
+    std::string answer = AnswerTo(side);
+    if (answer == kEnded && earlier_answer.find("libnss_") != std::string::npos) {
+      ++late_deaths_;
+      StartWorker();
+      answer = AnswerTo(side);
+    }
     host_.WaitForAll(worker_->pid());
     if (request_.is_unsteady) {
       EXPECT_EQ(Success(answer), true) << answer;
@@ -194,6 +209,7 @@ class MemoryFaultsTest : public testing::TestWithParam<Request> {
   unsigned errors_ = 0;
   unsigned deaths_ = 0;
   unsigned gaps_ = 0;
+  unsigned late_deaths_ = 0;
 };
 
 void MemoryFaultsTest::ExpectSoundness(const Side& asked, const Side& before, bool has_succeeded) {
@@ -226,7 +242,16 @@ void MemoryFaultsTest::TryOne(unsigned ordinal, bool is_cold) {
   const Side& asked = sides_[ordinal % sides_.size()];
   const Side& before = sides_[(ordinal + 1) % sides_.size()];
   Begin(is_cold, before, ordinal);
-  std::optional<webapid::Frame> answer = worker_->Ask(asked.parts);
+  std::optional<webapid::Frame> answer;
+  try {
+    answer = worker_->Ask(asked.parts);
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << "allocation " << ordinal << (is_cold ? " of a new worker: " : ": ")
+                  << error.what();
+    host_.plan().Clear();
+    StartWorker();
+    return;
+  }
   host_.WaitForAll(worker_->pid());
   FaultPlan& plan = host_.plan();
   plan.Clear();
@@ -234,7 +259,7 @@ void MemoryFaultsTest::TryOne(unsigned ordinal, bool is_cold) {
     return;
   }
   ++faults_;
-  const std::string text = answer ? answer->parts.front() : "the worker ended";
+  std::string text = answer ? answer->parts.front() : kEnded;
   const bool has_succeeded = answer && Success(text) == true && request_.name != "NoSuchApi";
   SCOPED_TRACE(fmt::format("allocation {} of {}{}: {}", ordinal, plan.calls,
                            is_cold ? " of a new worker" : "", text));
@@ -245,24 +270,32 @@ void MemoryFaultsTest::TryOne(unsigned ordinal, bool is_cold) {
     ++deaths_;
     StartWorker();
   }
+  if (!request_.denial.empty() && text.find(request_.denial) != std::string::npos) {
+    ++gaps_;
+    EXPECT_THAT(host_.Log(), testing::Not(testing::IsEmpty())) << "a denial that is not logged";
+    text = std::regex_replace(text, std::regex(request_.denial), request_.grant);
+  }
   if (has_succeeded && request_.may_leave_out && text != asked.answer) {
     ++gaps_;
     EXPECT_THAT(host_.Log(), testing::Not(testing::IsEmpty())) << "a gap that is not logged";
   } else if (has_succeeded && !request_.doomed.empty() && text != asked.answer) {
     ++gaps_;
-    EXPECT_THAT(text, testing::HasSubstr(R"("removed":[])")) << "a wrong success";
+    EXPECT_THAT(text, testing::AnyOf(testing::HasSubstr(R"("removed":[])"),
+                                     testing::HasSubstr(R"("usage":null)")))
+        << "a wrong success";
+    EXPECT_THAT(host_.Log(), testing::Not(testing::IsEmpty())) << "a gap that is not logged";
   } else if (has_succeeded && !request_.is_unsteady) {
     EXPECT_EQ(text, asked.answer) << "a wrong success";
   }
   ExpectSoundness(asked, before, has_succeeded);
   if (request_.doomed.empty()) {
-    ExpectAnswer(asked);
+    ExpectAnswer(asked, text);
   }
 }
 
 // At most so many, spread evenly, at places that the seed decides.
 void MemoryFaultsTest::TryAll(const char* kind, unsigned most, bool is_cold) {
-  faults_ = errors_ = deaths_ = gaps_ = 0;
+  faults_ = errors_ = deaths_ = gaps_ = late_deaths_ = 0;
   Begin(is_cold, sides_.back(), 0);
   AnswerTo(sides_.front());
   host_.plan().Clear();
@@ -275,8 +308,9 @@ void MemoryFaultsTest::TryAll(const char* kind, unsigned most, bool is_cold) {
     TryOne(begin + static_cast<unsigned>(random() % step), is_cold);
   }
   std::cout << fmt::format(
-      "{}: {}: {} of {} allocations failed: {} errors answered, {} workers ended{}\n",
+      "{}: {}: {} of {} allocations failed: {} errors answered, {} workers ended{}{}\n",
       request_.name, kind, faults_, count, errors_, deaths_,
+      late_deaths_ == 0 ? "" : fmt::format(", {} at the next request", late_deaths_),
       gaps_ == 0 ? "" : fmt::format(", {} answers fell short and said so", gaps_));
 }
 
