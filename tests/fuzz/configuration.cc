@@ -2,6 +2,7 @@
 #include <cstdint>
 
 #include "fuzz/platform.h"
+#include "utils/host_port.h"
 
 namespace quillon::fuzz {
 namespace {
@@ -53,6 +54,15 @@ void RequireBounds(const Configuration& c) {
   Require(!c.web.user.empty() && c.web.user != "root", "the front is not root");
   Require(c.web.certificate.empty() == c.web.private_key.empty(), "a certificate has its key");
   Require(c.log.target != "file" || !c.log.file.empty(), "a log in a file has a path");
+  Require(c.usage.sentinels.empty() || (c.usage.host == Configuration().usage.host &&
+                                        c.usage.port == Configuration().usage.port &&
+                                        c.usage.socket.empty() && !c.usage.sentinel_master.empty()),
+          "either sentinels say where the server is, or the file does");
+  for (const std::string& sentinel : c.usage.sentinels) {
+    const auto place = platform::ParseHostPort(sentinel);
+    Require(place && !place->host.empty() && IsWithin(place->port, 1, 65535),
+            "each sentinel is a host and a port");
+  }
   Require(c.usage.key_template.find("{name}") != std::string::npos, "keys differ by name");
 }
 

@@ -98,14 +98,11 @@ void RequireAnswer(const Frame& request, const Frame& answer) {
   Require(statuses.contains(answer.code), "the status is one of a worker's");
   Require(answer.parts.size() == 1, "an answer is one part");
   Json::Value envelope;
-  Require(webapid::ParseObject(answer.parts.front(), envelope) || answer.code == 200,
-          "a refusal is an object");
-  if (envelope.isObject()) {
-    Require(envelope["success"].isBool(), "an envelope says how it went");
-    Require(envelope["success"].asBool() ||
-                (envelope["error"]["code"].isInt() && envelope["error"]["message"].isString()),
-            "a failure says why");
-  }
+  Require(webapid::ParseObject(answer.parts.front(), envelope), "an answer is an object");
+  Require(envelope["success"].isBool(), "an envelope says how it went");
+  Require(envelope["success"].asBool() ||
+              (envelope["error"]["code"].isInt() && envelope["error"]["message"].isString()),
+          "a failure says why");
   RequireReadsBack(answer, webapid::Encode(answer));
 }
 
