@@ -41,8 +41,8 @@ int RequestWithUpload(const Destination& destination, const Json::Value& request
 }  // namespace
 
 std::runtime_error NotCalled(const std::string& host) {
-  return std::runtime_error(
-      fmt::format("{} could not be called, the mail log has the reason", host));
+  return std::runtime_error(fmt::format(
+      "{} could not be called or refused the login; the mail log has the reason", host));
 }
 
 bool IsSuccess(const Json::Value& envelope) {

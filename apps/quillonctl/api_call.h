@@ -50,12 +50,12 @@ void SendCallsTo(Destination destination);
 
 /// Runs a method of one of the package's APIs and answers its "data". Everything that this program
 /// does to the mail server goes through here. Throws `CallError`, and `std::runtime_error` when the
-/// host could not be called.
+/// host could not be called, or refused the login.
 Json::Value Call(const char* api, const char* method, Json::Value params,
                  const std::optional<Upload>& upload = std::nullopt);
 
 /// Sends a whole request to a host and answers the envelope, whatever it says. `timeout` is in
-/// seconds, 0 for none. Throws `std::runtime_error` when the host could not be called.
+/// seconds, 0 for none. Throws `std::runtime_error` when that fails.
 Json::Value Send(const Destination& destination, const Json::Value& request,
                  const std::optional<Upload>& upload, long timeout);
 

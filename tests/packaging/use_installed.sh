@@ -2,8 +2,8 @@
 # use_installed.sh PREFIX DOCUMENT WEB_USER: uses what is installed below PREFIX as a developer and an
 # operator would, and nothing else of this project: does what DOCUMENT (docs/handlers.md) says, word for
 # word. Its blocks "sh" are run in one shell; a block without a language that follows one at once is what it
-# prints; every line of its blocks "cpp" is one of the example. No environment variable tells where the
-# libraries are.
+# prints; every line of its blocks "cpp" is one of the example; each block "c++" is a module for itself. No
+# environment variable tells where the libraries are.
 set -euo pipefail
 export LC_ALL=C
 unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH PKG_CONFIG_PATH https_proxy HTTPS_PROXY all_proxy ALL_PROXY
@@ -28,12 +28,13 @@ free_port() {
   echo "$port"
 }
 
-# NUMBER.sh, NUMBER.out where it is known, and all.cpp.
+# NUMBER.sh, NUMBER.out where it is known, all.cpp, and module-NUMBER.cc.
 split_document() {
   awk -v work="$work" '
     /^```/ && file != "" { file = ""; if (is_command) after = NR + 1; is_command = 0; next }
     /^```sh$/ { number++; file = work "/" number ".sh"; is_command = 1; next }
     /^```cpp$/ { file = work "/all.cpp"; next }
+    /^```c\+\+$/ { file = work "/module-" ++modules ".cc"; next }
     /^```$/ { file = NR == after ? work "/" number ".out" : "/dev/null"; next }
     file != "" { print >file }
     END { print number }' "$1"
@@ -56,3 +57,11 @@ echo "== the document's pieces of the example"
 while IFS= read -r line; do
   grep -qxF -- "$line" limit.cc main.cc || fail "the example has no line '$line'"
 done <"$work/all.cpp"
+
+echo "== the document's modules"
+for module in "$work"/module-*.cc; do
+  # shellcheck disable=SC2046 # options
+  g++ -std=c++17 -Wall -Wextra -Werror -shared -fPIC "$module" $(pkg-config --cflags --libs mailserver-webapi) \
+    -Wl,--no-undefined -o "${module%.cc}.so"
+  nm --dynamic --defined-only "${module%.cc}.so" | grep ' QuillonRegisterHandlers$' >"$work/printed" || fail "$module registers nothing"
+done

@@ -161,7 +161,8 @@ TEST_F(HostCommandsTest, AWrongPasswordAndAnUnknownAccountAreRefused) {
     EXPECT_EQ(outcome.exit_code, 1);
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.error,
-              "quillonctl: 127.0.0.1 could not be called, the mail log has the reason\n");
+              "quillonctl: 127.0.0.1 could not be called or refused the login; the mail log has "
+              "the reason\n");
     EXPECT_THAT(Log(), HasSubstr(fmt::format("login as {} at 127.0.0.1 failed", account)));
   }
   EXPECT_THAT(Log(), Not(HasSubstr("wrong horse")));

@@ -68,7 +68,9 @@ void ExpectThatBIsNotCalled(const TwoHosts& hosts, const std::string& reason) {
   const Outcome outcome = hosts.a.As("boss", OnB(kListAlice));
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_EQ(outcome.output, "");
-  EXPECT_EQ(outcome.error, "quillonctl: hostb could not be called, the mail log has the reason\n");
+  EXPECT_EQ(
+      outcome.error,
+      "quillonctl: hostb could not be called or refused the login; the mail log has the reason\n");
   EXPECT_THAT(hosts.a.Log(), HasSubstr(reason));
 }
 
@@ -236,7 +238,8 @@ TEST_F(TwoHostsTest, DoNotTellAWrongPasswordFromAnUnknownAccount) {
     EXPECT_EQ(outcome.exit_code, 1);
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.error,
-              "quillonctl: hostb could not be called, the mail log has the reason\n");
+              "quillonctl: hostb could not be called or refused the login; the mail log has the "
+              "reason\n");
     EXPECT_THAT(hosts.a.Log(), HasSubstr(fmt::format("login as {} at hostb failed: refused by the "
                                                      "host: login refused\n",
                                                      account)));
