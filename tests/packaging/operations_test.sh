@@ -203,7 +203,7 @@ shows "ann   yes"
 echo "== removal"
 does mail1 remove
 on mail1 <<<'ls -d /usr/bin/quillonctl /usr/sbin/quillon-webapid /etc/quillon/mailserver.toml /etc/systemd/system/quillon* || true
-  systemctl list-units --no-legend --plain --all "quillon*"; ls /var/lib/quillon/quota.db /etc/quillon/passwd'
+  systemctl list-unit-files --no-legend "quillon*" || true; ls /var/lib/quillon/quota.db /etc/quillon/passwd'
 [ "$(grep -v '^ls: cannot access' "$WORK/output" | sort)" = "/etc/quillon/passwd
 /var/lib/quillon/quota.db" ] || fail "this is left: $(cat "$WORK/output")"
 
