@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cwchar>
-#include <locale>
 #include <stdexcept>
 #include <utility>
 
 #include <quillon/handlers/size.h>
+#include <quillon/platform/utf8.h>
 #include <vela/api_runner.h>
 
 namespace quillon::handlers {
@@ -21,22 +20,6 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";  // what some editor
 
 [[noreturn]] void Refuse(const std::string& message) {
   throw VELA::APIError(VELA::APIRunner::kBadParameters, message);
-}
-
-// The decoder takes halves of surrogate pairs, which UTF-8 has not: "\xed" begins them, and that is
-// never a byte within a character.
-bool HasSurrogate(std::string_view text) {
-  return std::adjacent_find(text.begin(), text.end(), [](char first, char second) {
-           return first == '\xed' && static_cast<unsigned char>(second) >= 0xa0;
-         }) != text.end();
-}
-
-bool IsUtf8(std::string_view text) {
-  using Decoder = std::codecvt<char32_t, char, std::mbstate_t>;
-  const auto& decoder = std::use_facet<Decoder>(std::locale::classic());
-  std::mbstate_t state{};
-  const int length = decoder.length(state, text.data(), text.data() + text.size(), text.size());
-  return static_cast<std::size_t>(length) == text.size() && !HasSurrogate(text);
 }
 
 std::string_view TakeLine(std::string_view& text) {
@@ -131,7 +114,7 @@ QuotaRow ParseRow(std::size_t number, std::string_view line) {
   row.line = number;
   if (line.find('\0') != std::string_view::npos) {
     row.AddProblem("there is a NUL character");
-  } else if (!IsUtf8(line)) {
+  } else if (!platform::IsUtf8(line)) {
     row.AddProblem("the text is not UTF-8");
   } else {
     try {
