@@ -14,6 +14,7 @@
 
 #include <json/value.h>
 
+#include <quillon/platform/mail_users.h>
 #include <vela/api_runner.h>
 #include <velamailserver/account/user.h>
 #include <velamailserver/conf/smtp_ext.h>
@@ -212,8 +213,23 @@ Json::Value Import(const Json::Value& params) {
   return answer;
 }
 
+Json::Value Sync(const Json::Value& params) {
+  const Parameters parameters(params, {"dry_run"});
+  const auto changes =
+      platform::SyncMailUsers(parameters.Has("dry_run") && parameters.Flag("dry_run"));
+  Json::Value answer;
+  answer["added"] = Json::UInt64{changes.added};
+  answer["changed"] = Json::UInt64{changes.changed};
+  answer["removed"] = Json::UInt64{changes.removed};
+  answer["unchanged"] = Json::UInt64{changes.unchanged};
+  return answer;
+}
+
 }  // namespace
 
-void RegisterQuotaAPI() { VELA::APIRunner::Register(kAPI, kVersion, "import", Import); }
+void RegisterQuotaAPI() {
+  VELA::APIRunner::Register(kAPI, kVersion, "import", Import);
+  VELA::APIRunner::Register(kAPI, kVersion, "sync", Sync);
+}
 
 }  // namespace quillon::handlers

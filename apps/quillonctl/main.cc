@@ -22,6 +22,7 @@
 #include "output.h"
 #include "privilege_commands.h"
 #include "remote.h"
+#include "sync_command.h"
 #include "token_command.h"
 #include "usage_commands.h"
 #include "user_commands.h"
@@ -108,6 +109,7 @@ int Execute(int argc, char** argv) {
   AddGroupCommands(app, command);
   AddPrivilegeCommands(app, command);
   AddUsageCommands(app, command);
+  AddSyncCommand(app, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);
   AddHostCommands(app, remote, command);

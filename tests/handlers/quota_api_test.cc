@@ -46,10 +46,10 @@ class QuotaAPITest : public recording::WorldTest {
     RegisterQuotaAPI();
   }
 
-  Outcome Call(const Json::Value& params) {
+  Outcome Call(const Json::Value& params, const std::string& method = "import") {
     world_.transcript.clear();
     try {
-      return {0, "", Compact(world_.handlers.at("Quillon.MailServer.Quota import")(params))};
+      return {0, "", Compact(world_.handlers.at("Quillon.MailServer.Quota " + method)(params))};
     } catch (const VELA::APIError& error) {
       return {error.code(), error.what(), error.data() == nullptr ? "" : Compact(*error.data())};
     }
@@ -321,6 +321,25 @@ TEST_F(QuotaAPITest, RefusesOtherParameters) {
   params["force"] = true;
   EXPECT_EQ(Call(params).message, "unknown parameter [force]");
   EXPECT_THAT(Written(), IsEmpty());
+}
+
+TEST_F(QuotaAPITest, SynchronisesTheMailUsers) {
+  world_.mail_user_changes = {.added = 1, .changed = 2, .removed = 3, .unchanged = 4};
+  Json::Value params;
+  EXPECT_EQ(Call(params, "sync").data, R"({"added":1,"changed":2,"removed":3,"unchanged":4})");
+  EXPECT_THAT(world_.transcript, ElementsAre("SyncMailUsers(false)"));
+  params["dry_run"] = true;
+  EXPECT_EQ(Call(params, "sync").code, 0);
+  EXPECT_THAT(world_.transcript, ElementsAre("SyncMailUsers(true)"));
+  params["dry_run"] = 1;
+  EXPECT_EQ(Call(params, "sync").message, "parameter [dry_run] must be true or false");
+}
+
+TEST_F(QuotaAPITest, TellsWhyTheMailUsersCannotBeSynchronised) {
+  world_.FailCallsStartingWith(
+      "SyncMailUsers",
+      Throw<LogException>(velamailserver::ERR_SDK_USER_ENUM, "cannot list them", 3, "file", 1));
+  EXPECT_THROW(Call(Json::Value(), "sync"), LogException);
 }
 
 }  // namespace

@@ -241,6 +241,7 @@ TEST_P(EffectiveLimit, FailsForANameThatIsNoUsers) {
 TEST_P(EffectiveLimit, FailsForAValueThatIsNoNumber) {
   SetUser("bob", 1);
   SetUser("alice", 1);
+  *Connect() << "DROP VIEW mail_user_quota";
   *Connect() << "DROP TABLE user_limit";
   *Connect() << "CREATE TABLE user_limit (id BIGINT PRIMARY KEY, name TEXT, bytes TEXT)";
   *Connect() << "INSERT INTO user_limit VALUES (70001, 'alice', '1x'), (70002, 'bob', '2')";

@@ -15,6 +15,7 @@
 
 #include <json/value.h>
 
+#include <quillon/platform/mail_users.h>
 #include <vela/api_runner.h>
 #include <velamailserver/account/maildir.h>
 
@@ -77,6 +78,7 @@ class World {
   StoredValues group_limits;
   StoredValues group_warnings;
   std::unordered_map<std::string, std::string> usage;
+  quillon::platform::MailUserChanges mail_user_changes;        ///< what SyncMailUsers answers
   bool delete_usage = true;                                    ///< what DeleteUsage answers
   std::map<std::string, unsigned long long> effective_limits;  ///< by name; 0 for all others
   std::set<std::string> administrators;

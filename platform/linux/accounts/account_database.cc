@@ -175,6 +175,17 @@ bool IsInUsersFiles(std::uint32_t uid) {
           WholeTable(HostUsers(), kHostPasswdFile)->Find(uid) != nullptr);
 }
 
+void RequireWholeAccountFiles() {
+  const auto configuration = CurrentConfiguration();
+  const Settings& settings = configuration->accounts;
+  WholeTable(Users(), settings.passwd_file);
+  WholeTable(Groups(), settings.group_file);
+  const bool has_host_users = settings.passwd_file == kHostPasswdFile;
+  if (has_host_users && settings.group_file != kHostGroupFile) {
+    WholeTable(HostGroups(), kHostGroupFile);
+  }
+}
+
 SharedEntry FindGroup(const std::string& name) {
   if (IsImpossibleName(name)) {
     return nullptr;

@@ -28,6 +28,10 @@ std::shared_ptr<const velamailserver::velasdk::AccountEntry> FindHostUser(std::u
 /// when one of them cannot be read, or has a line that does not parse.
 bool IsInUsersFiles(std::uint32_t uid);
 
+/// Throws `std::system_error` when a file of users or groups that counts cannot be read, or has a
+/// line that does not parse. Whoever else asks goes on without such a line.
+void RequireWholeAccountFiles();
+
 /// The uids in the given range, ends included, each once and in ascending order: those of the users
 /// file and, when that is the host's own, those that NSS lists besides. Throws `std::system_error`.
 std::vector<std::uint32_t> ListUids(std::uint32_t lowest, std::uint32_t highest);

@@ -38,11 +38,6 @@ constexpr int kStatusLine = 96;
 
 constexpr std::array kSubfolders = {"cur", "new", "tmp"};
 
-bool IsFolderName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
-}
-
 [[noreturn]] void Fail(int line, const std::string& path,
                        ErrorCode code = velamailserver::ERR_LSTAT_FILE) {
   throw LogException(code, path + ": " + std::generic_category().message(errno), 3, kSourceFile,
@@ -189,11 +184,18 @@ std::string MaildirRoot() {
 
 FileDescriptor OpenMaildirRoot() { return OpenRoot(MaildirRoot()); }
 
+bool IsFolderName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
+std::string MaildirFolder() { return Below(MaildirRoot(), CurrentConfiguration()->maildir.domain); }
+
 std::string MaildirPath(const std::string& account) {
   if (!IsFolderName(account)) {
     return "";
   }
-  return Below(Below(MaildirRoot(), CurrentConfiguration()->maildir.domain), account);
+  return Below(MaildirFolder(), account);
 }
 
 FileDescriptor OpenMaildir(const std::string& account) {

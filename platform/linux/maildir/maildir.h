@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "utils/file_descriptor.h"
 
@@ -17,6 +18,12 @@ std::string MaildirRoot();
 /// error, because with a disk that is not mounted, or a slip in the configuration, all users would
 /// seem to have no mail.
 FileDescriptor OpenMaildirRoot();
+
+/// Absolute path of the folder with the mail directories of the accounts.
+std::string MaildirFolder();
+
+/// Whether an account of this name can have a mail directory.
+bool IsFolderName(std::string_view name);
 
 /// Absolute path of an account's mail directory; empty when the account's name cannot be that of a
 /// folder.

@@ -34,7 +34,8 @@ constexpr QuotaDialect::Sql kPostgresqlSql = {
         "SELECT t.id, t.bytes"
         " FROM unnest(CAST('{{' || CAST(:ids AS text) || '}}' AS bigint[])) AS listed (id)"
         " JOIN {} AS t ON t.id = listed.id ORDER BY t.id",
-    .named_ids = "json_each_text(CAST(:names AS json))"};
+    .named_ids = "json_each_text(CAST(:names AS json))",
+    .rows = "json_array_elements(CAST(:rows AS json))"};
 
 using ConnectionOptions = std::unique_ptr<PQconninfoOption, decltype(&::PQconninfoFree)>;
 

@@ -30,6 +30,7 @@ constexpr int kNotSetLine = 48;
 constexpr int kNotClearedLine = 59;
 constexpr int kNotListedLine = 72;
 constexpr int kInvalidValueLine = 85;
+constexpr int kNotUpdatedLine = 98;
 
 using Ids = std::vector<std::uint32_t>;
 
@@ -193,6 +194,19 @@ void QuotaDatabase::Clear(const char* table, Ids ids) {
     *session_ << fmt::format("DELETE FROM {} WHERE id IN ({})", table, dialect_->sql().ids),
         soci::use(ids_text, "ids");
     transaction.Commit();
+  });
+}
+
+MailUserChanges QuotaDatabase::UpdateMailUsers(const std::function<std::vector<MailUser>()>& list,
+                                               bool is_dry_run) {
+  return Run({ERR_DB_REPLACE, "update", kMailUserTable, kNotUpdatedLine}, [&] {
+    DatabaseTransaction transaction(*session_, dialect_->sql().begin);
+    const MailUserUpdate update(*session_, list());
+    if (!is_dry_run && !update.changes().IsNone()) {
+      update.Write(*session_, *dialect_);
+      transaction.Commit();
+    }
+    return update.changes();
   });
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,6 +10,9 @@
 
 #include <soci/soci.h>
 
+#include <quillon/platform/mail_users.h>
+
+#include "quota/mail_user_table.h"
 #include "quota/quota_dialect.h"
 #include "quota/quota_schema.h"
 
@@ -35,6 +39,11 @@ class QuotaDatabase {
   /// The valid records of the ids, in ascending order. `Record` is `UserRecord` or `GroupRecord`.
   template <typename Record>
   std::vector<Record> List(const char* table, std::vector<std::uint32_t> ids);
+
+  /// Makes the store's mail users those that `list` answers, or, in a dry run, says what would
+  /// change. Other writers wait meanwhile, so that of two at once the later list is what remains.
+  MailUserChanges UpdateMailUsers(const std::function<std::vector<MailUser>()>& list,
+                                  bool is_dry_run);
 
  private:
   struct Task;

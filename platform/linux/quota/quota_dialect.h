@@ -21,6 +21,7 @@ class QuotaDialect {
     const char* ids;          ///< the numbers of the comma-separated list :ids, one per row
     const char* list_listed;  ///< id and bytes of the ascending :ids in table {}, in their order
     const char* named_ids;    ///< the members of the JSON object :names, as "key" and "value"
+    const char* rows;         ///< the elements of the JSON array :rows, as "value"
   };
 
   /// The dialect of the store that the settings name. Throws `LogException` with

@@ -38,9 +38,32 @@ void CreateTables(soci::session& session, const QuotaDialect& dialect) {
   }
 }
 
+// Numbers are compared as texts of equal length. A limit of 0 is none, so the largest.
+constexpr char kMailUserQuota[] =
+    "CREATE VIEW mail_user_quota AS"
+    " SELECT u.name, u.id AS uid, u.gid, u.home,"
+    " nullif(coalesce(own.bytes, (SELECT g.bytes FROM mail_user_group AS m"
+    " JOIN group_limit AS g ON g.id = m.gid WHERE m.id = u.id"
+    " ORDER BY CASE g.bytes WHEN '0' THEN 0 ELSE 1 END, length(g.bytes) DESC, g.bytes DESC"
+    " LIMIT 1)), '0') AS quota_limit,"
+    " nullif(w.bytes, '0') AS quota_warning"
+    " FROM mail_user AS u LEFT JOIN user_limit AS own ON own.id = u.id"
+    " LEFT JOIN user_warning AS w ON w.id = u.id";
+
+void CreateMailUsers(soci::session& session, const QuotaDialect& dialect) {
+  session << fmt::format(
+      "CREATE TABLE {} (id {} PRIMARY KEY, name TEXT NOT NULL UNIQUE, gid BIGINT NOT NULL,"
+      " home TEXT NOT NULL)",
+      kMailUserTable, dialect.sql().id_type);
+  session << fmt::format(
+      "CREATE TABLE {} (id BIGINT NOT NULL, gid BIGINT NOT NULL, PRIMARY KEY (id, gid))",
+      kMailUserGroupTable);
+  session << kMailUserQuota;
+}
+
 // The one at index N takes a store from version N to N + 1. One that was released never changes.
 using Migration = void (*)(soci::session&, const QuotaDialect&);
-constexpr std::array<Migration, 1> kMigrations = {CreateTables};
+constexpr std::array<Migration, 2> kMigrations = {CreateTables, CreateMailUsers};
 
 constexpr std::size_t kNewestVersion = kMigrations.size();
 

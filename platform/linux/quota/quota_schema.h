@@ -14,6 +14,13 @@ inline constexpr char kUserWarningTable[] = "user_warning";
 inline constexpr char kGroupLimitTable[] = "group_limit";
 inline constexpr char kGroupWarningTable[] = "group_warning";
 
+/// The mail users as of the last `SyncMailUsers`: "id" (the uid), "name", "gid", "home" (where the
+/// mail is); and the groups of each, as "id" and "gid". The view mail_user_quota joins them to the
+/// limits: "name", "uid", "gid", "home", "quota_limit" and "quota_warning", decimal text or NULL
+/// for none. Mail servers read that, so it is never changed, only followed by another one.
+inline constexpr char kMailUserTable[] = "mail_user";
+inline constexpr char kMailUserGroupTable[] = "mail_user_group";
+
 /// Brings the store to the newest schema; several programs may do so at the same time. Throws
 /// `LogException`: `ERR_BAD_DB_SESSION` for a store that cannot be read, `ERR_DB_CREATE` and
 /// `ERR_DB_UPGRADE` for what cannot be created or upgraded, a store of a newer program included.

@@ -16,7 +16,8 @@ constexpr QuotaDialect::Sql kSqliteSql = {
     .list_listed =
         "SELECT t.id, t.bytes FROM json_each('[' || :ids || ']') AS listed"
         " CROSS JOIN {} AS t ON t.id = listed.value",
-    .named_ids = "json_each(:names)"};
+    .named_ids = "json_each(:names)",
+    .rows = "json_each(:rows)"};
 
 class SqliteDialect : public QuotaDialect {
  public:

@@ -99,7 +99,7 @@ TEST_F(WorkerTest, KnowsWhatMonitorsMayCall) {
       {"Quillon.MailServer.Privilege", {"list"}, {"grant", "revoke"}},
       {"Quillon.MailServer.Usage", {}, {"count"}},
       {"Quillon.MailServer.NoOwner", {"list", "status"}, {"refresh", "remove"}},
-      {"Quillon.MailServer.Quota", {}, {"import"}},
+      {"Quillon.MailServer.Quota", {}, {"import", "sync"}},
   };
   for (const Calls& calls : all) {
     for (const char* method : calls.for_monitors) {
