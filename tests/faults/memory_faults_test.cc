@@ -315,11 +315,12 @@ void MemoryFaultsTest::TryAll(const char* kind, unsigned most, bool is_cold) {
 }
 
 TEST_P(MemoryFaultsTest, AnswersAreRightOrErrors) {
+  constexpr unsigned kAll = 100'000;
   const bool is_long = TheCampaign().is_long;
   if (GetParam().doomed.empty()) {
-    TryAll("a worker at work", is_long ? 100'000 : 40, false);
+    TryAll("a worker at work", is_long ? kAll : 40, false);
   }
-  TryAll("a new worker", is_long ? 400 : 10, true);
+  TryAll("a new worker", is_long ? kAll : 10, true);
 }
 
 INSTANTIATE_TEST_SUITE_P(, MemoryFaultsTest, testing::ValuesIn(Requests()),
