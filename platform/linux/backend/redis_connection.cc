@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <queue>
 #include <system_error>
 #include <utility>
 
@@ -33,7 +34,8 @@ constexpr int kReceiveFailedLine = 108;
 constexpr int kReplyTooLongLine = 112;
 constexpr int kTimeoutLine = 127;
 
-constexpr std::size_t kCommandsInFlight = 4;
+// Few long commands, or many short ones: the server is never waited for with each of them.
+constexpr std::size_t kBytesInFlight = 128U << 10U;
 
 // What a server may have us keep in memory for one answer.
 constexpr std::size_t kLongestReply = 64U << 20U;  // bytes
@@ -97,12 +99,21 @@ const platform::Configuration::Usage& RedisConnection::Open() {
 
 void RedisConnection::Exchange(std::size_t count, const MakeCommand& make, const TakeReply& take) {
   try {
-    std::size_t sent = 0;
+    std::queue<std::size_t> lengths;  // of the commands that are not answered
+    std::size_t in_flight = 0;        // their sum
+    std::size_t made = 0;
     for (std::size_t answered = 0; answered < count; ++answered) {
-      for (; sent < count && sent < answered + kCommandsInFlight; ++sent) {
-        Send(make(sent));
+      std::string commands;
+      for (; made < count && in_flight < kBytesInFlight; ++made) {
+        const std::string command = make(made).Encode();
+        commands += command;
+        in_flight += command.size();
+        lengths.push(command.size());
       }
+      Send(commands);
       take(answered, *ReceiveResult());
+      in_flight -= lengths.front();
+      lengths.pop();
     }
   } catch (...) {
     context_.reset();  // the next command would be given the answers that are left
@@ -199,11 +210,11 @@ void RedisConnection::SelectDatabase() {
   ReceiveResult(" when asked for usage.database: a sharding proxy has only database 0");
 }
 
+void RedisConnection::Send(const RedisCommand& command) { Send(command.Encode()); }
+
 // Not by hiredis: its write() ends the process with SIGPIPE when the server has gone.
-void RedisConnection::Send(const RedisCommand& command) {
-  const std::string encoded = command.Encode();
+void RedisConnection::Send(std::string_view rest) {
   const Clock::time_point deadline = Deadline();
-  std::string_view rest = encoded;
   while (!rest.empty()) {
     const ssize_t sent =
         ::send(context_->fd, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
