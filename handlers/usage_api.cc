@@ -17,7 +17,6 @@ namespace quillon::handlers {
 
 namespace {
 
-using platform::CountedUsage;
 using velamailserver::velasdk::FileLockHeld;
 using velamailserver::velasdk::VelaUser;
 
@@ -30,12 +29,17 @@ Json::Value Count(const Json::Value& params) {
 
   Json::Value answer;
   Json::Value& counted = answer["counted"] = Json::Value(Json::arrayValue);
+  Json::Value& kept = answer["kept"] = Json::Value(Json::arrayValue);
   Json::Value& skipped = answer["skipped"] = false;
   try {
-    for (const CountedUsage& usage : platform::CountUsage(users)) {
+    const platform::UsageCount count = platform::CountUsage(users);
+    for (const platform::CountedUsage& usage : count.counted) {
       Json::Value& user = counted.append(Json::Value(Json::objectValue));
       user["name"] = usage.name;
       user["usage"] = Json::UInt64{usage.bytes};
+    }
+    for (const std::string& name : count.kept) {
+      kept.append(name);
     }
   } catch (const FileLockHeld& held) {
     skipped = true;

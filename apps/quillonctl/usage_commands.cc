@@ -10,6 +10,8 @@
 #include <fmt/format.h>
 #include <json/value.h>
 
+#include <quillon/platform/printable.h>
+
 #include "api_call.h"
 #include "count.h"
 #include "names.h"
@@ -18,6 +20,8 @@
 #include "size.h"
 
 namespace {
+
+using quillon::platform::Printable;
 
 // Few enough for the progress to move, many enough for the calls not to matter.
 constexpr std::size_t kNamesPerCall = 50;
@@ -41,6 +45,7 @@ Json::Value AccountNames(const std::vector<std::string>& names) {
 Json::Value Count(const Json::Value& names) {
   Json::Value answer;
   answer["counted"] = Json::Value(Json::arrayValue);
+  answer["kept"] = Json::Value(Json::arrayValue);
   answer["skipped"] = false;
   const Progress progress;
   for (Json::ArrayIndex begin = 0; begin < names.size() && !answer["skipped"].asBool();) {
@@ -53,8 +58,10 @@ Json::Value Count(const Json::Value& names) {
       chunk.append(names[begin]);
     }
     Json::Value data = Call("Quillon.MailServer.Usage", "count", params);
-    for (Json::Value& user : data["counted"]) {
-      answer["counted"].append(std::move(user));
+    for (const char* list : {"counted", "kept"}) {
+      for (Json::Value& user : data[list]) {
+        answer[list].append(std::move(user));
+      }
     }
     if (data["skipped"].asBool()) {
       answer["skipped"] = true;
@@ -66,8 +73,17 @@ Json::Value Count(const Json::Value& names) {
 
 std::string Summary(const Json::Value& answer) {
   const unsigned long long bytes = TotalUsage(answer["counted"]);
-  return fmt::format("usage of {} counted: {} ({} bytes)\n", CountOfUsers(answer["counted"].size()),
-                     FormatSize(bytes), bytes);
+  std::string text = fmt::format("usage of {} counted: {} ({} bytes)\n",
+                                 CountOfUsers(answer["counted"].size()), FormatSize(bytes), bytes);
+  if (const Json::Value& kept = answer["kept"]; !kept.empty()) {
+    std::vector<std::string> names;
+    for (const Json::Value& name : kept) {
+      names.push_back(Printable(name.asString()));
+    }
+    text += fmt::format("usage of {} kept as the mail server has it, it changed all the time: {}\n",
+                        CountOfUsers(kept.size()), fmt::join(names, ", "));
+  }
+  return text;
 }
 
 int CountUsage(const CountOptions& options) {

@@ -1,5 +1,6 @@
 // The usage store behind a sharding proxy: two Redis servers, each with a part of the keys.
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <unordered_map>
@@ -11,8 +12,8 @@
 #include <quillon/backend/quota_redis_client.h>
 #include <quillon/platform/configuration.h>
 
-#include "backend/usage_writer.h"
 #include "scripted_redis.h"
+#include "store_usage.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
 
@@ -24,6 +25,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 class ShardedUsageStore : public testing::Test {
  protected:
@@ -74,8 +76,34 @@ TEST_F(ShardedUsageStore, SpreadsTheAccounts) {
   EXPECT_THAT(Log(), IsEmpty());
 }
 
+TEST_F(ShardedUsageStore, StoresNoFigureInPlaceOfANewerOne) {
+  std::vector<UsageEntry> entries(names_.size());
+  for (std::size_t i = 0; i < names_.size(); ++i) {
+    entries[i].name = names_[i];
+    entries[i].bytes = i;
+  }
+  StoreUsage(figures_);
+  UsageWriter writer;
+  writer.Read(Pointers(entries));
+  const std::string changed = first_.Command({"RANDOMKEY"});
+  first_.Command({"SET", changed, "newer"});
+  const std::string gone = second_.Command({"RANDOMKEY"});
+  second_.Command({"DEL", gone});
+  writer.StoreUnlessChanged(Pointers(entries));
+
+  std::vector<std::string> left;
+  for (const UsageEntry& entry : entries) {
+    if (!entry.is_stored) {
+      left.push_back(entry.name + "/quota/storage");
+    }
+  }
+  EXPECT_THAT(left, UnorderedElementsAre(changed, gone));
+  EXPECT_EQ(first_.Command({"GET", changed}), "newer");
+  EXPECT_EQ(second_.Command({"EXISTS", gone}), "0");
+}
+
 // Some proxies ask only one of the servers whether several keys exist.
-TEST_F(ShardedUsageStore, LogsAnEntryOfAnotherTypeWhereverItIs) {
+TEST_F(ShardedUsageStore, LogsAndReplacesAnEntryOfAnotherTypeWhereverItIs) {
   StoreUsage(figures_);
   for (const RedisServer* shard : {&first_, &second_}) {
     const std::string key = shard->Command({"RANDOMKEY"});
@@ -86,6 +114,8 @@ TEST_F(ShardedUsageStore, LogsAnEntryOfAnotherTypeWhereverItIs) {
     EXPECT_EQ(client_.ListUsage(names_).count(name), 0U);
     EXPECT_THAT(Log(), HasSubstr("the entry of [" + name + "] is a list, not text"));
   }
+  StoreUsage(figures_);
+  EXPECT_EQ(client_.ListUsage(names_).size(), figures_.size());
 }
 
 TEST_F(ShardedUsageStore, FailsAsAWholeWithoutOneOfItsServers) {

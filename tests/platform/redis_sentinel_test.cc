@@ -16,8 +16,8 @@
 #include <quillon/backend/quota_redis_client.h>
 #include <quillon/platform/configuration.h>
 
-#include "backend/usage_writer.h"
 #include "scripted_redis.h"
+#include "store_usage.h"
 #include "support/loopback.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
@@ -281,6 +281,21 @@ TEST_F(ReplicatedUsageStore, IsLookedForAnewAfterItHasBecomeAReplica) {
   replica_.Command({"SET", "alice/quota/storage", "1"});
   EXPECT_TRUE(client_.DeleteUsage({"alice"}));
   EXPECT_EQ(replica_.Command({"EXISTS", "alice/quota/storage"}), "0");
+}
+
+TEST_F(ReplicatedUsageStore, FailsACountWhenItBecomesAReplicaMeanwhile) {
+  const int port = FreePort();
+  const ScriptedRedis sentinel(port, Answering(Naming(master_.port())));
+  Use({At(port)});
+  UsageEntry entry;
+  entry.name = "alice";
+  UsageWriter writer;
+  writer.Read({&entry});
+  master_.Command({"REPLICAOF", "127.0.0.1", std::to_string(replica_.port())});
+  EXPECT_THAT(Failure([&] { writer.StoreUnlessChanged({&entry}); }),
+              StartsWith(fmt::format("usage store mail at {} (sentinels {}): READONLY ",
+                                     At(master_.port()), At(port))));
+  EXPECT_FALSE(entry.is_stored);
 }
 
 TEST_F(ReplicatedUsageStore, GoesOnAfterAFailOver) {

@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -22,8 +23,8 @@
 #include <quillon/platform/configuration.h>
 
 #include "backend/redis_connection.h"
-#include "backend/usage_writer.h"
 #include "scripted_redis.h"
+#include "store_usage.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
 
@@ -137,6 +138,28 @@ TEST_P(BrokenServer, IsFalseForADeletion) {
 
   EXPECT_FALSE(client_.DeleteUsage({"alice"}));
   EXPECT_THAT(Log(), HasSubstr("usage store " + configuration_.usage.socket + ": "));
+}
+
+TEST_P(BrokenServer, IsOneExceptionForACountThatReads) {
+  const ScriptedRedis server(configuration_.usage.socket, Answering(GetParam()));
+  EXPECT_THAT(Failure([] {
+                StoreUsage({{"alice", 1}});
+              }),
+              HasSubstr("usage store " + configuration_.usage.socket + ": "));
+}
+
+TEST_P(BrokenServer, IsOneExceptionForACountThatStores) {
+  const ScriptedRedis server(configuration_.usage.socket, [](int peer) {
+    ReadSomething(peer);
+    Write(peer, "*1\r\n$-1\r\n");
+    Answering(GetParam())(peer);
+  });
+  EXPECT_THAT(Failure([] {
+                StoreUsage({{"alice", 1}});
+              }),
+              HasSubstr("usage store " + configuration_.usage.socket + ": "));
+  const std::string log = Log();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Answers, BrokenServer,
@@ -365,6 +388,117 @@ TEST_F(RunningUsageStore, ReplacesAndDeletesAnEntryOfAnotherType) {
   server_.Command({"HSET", "bob/quota/storage", "field", "1"});
   EXPECT_TRUE(client_.DeleteUsage({"bob", "nobody", "bob"}));
   EXPECT_EQ(server_.Command({"KEYS", "*"}), "alice/quota/storage\n");
+}
+
+// Whether the count stores its figure, 7, when the entry changes from `before` to `behind`.
+class ChangingEntry : public RunningUsageStore {
+ protected:
+  using Command = std::vector<std::string>;
+
+  bool IsReplaced(const Command& before, const Command& behind) {
+    UsageEntry entry;
+    entry.name = "alice";
+    entry.bytes = 7;
+    server_.Command({"FLUSHALL"});
+    server_.Command(before);
+    UsageWriter writer;
+    writer.Read({&entry});
+    server_.Command(behind);
+    writer.StoreUnlessChanged({&entry});
+    const bool is_there =
+        server_.Command({"TYPE", kKey}) == "string" && server_.Command({"GET", kKey}) == "7";
+    EXPECT_EQ(entry.is_stored, is_there);
+    return entry.is_stored;
+  }
+
+  static inline const std::string kKey = "alice/quota/storage";
+  const Command nothing_ = {"PING"};
+  const Command deleted_ = {"DEL", kKey};
+  const Command list_ = {"RPUSH", kKey, "5"};
+  const Command hash_ = {"HSET", kKey, "field", "5"};
+  static Command Text(const std::string& value) { return {"SET", kKey, value}; }
+};
+
+TEST_F(ChangingEntry, IsReplacedUnlessItChanges) {
+  EXPECT_TRUE(IsReplaced(nothing_, nothing_));
+  EXPECT_TRUE(IsReplaced(Text("5"), nothing_));
+  EXPECT_FALSE(IsReplaced(nothing_, Text("5")));
+  EXPECT_FALSE(IsReplaced(Text("5"), Text("6")));
+  EXPECT_FALSE(IsReplaced(Text("5"), deleted_));
+}
+
+TEST_F(ChangingEntry, IsComparedByItsText) {
+  const std::string binary("\0\r\n\xff", 4);
+  EXPECT_TRUE(IsReplaced(Text("5"), Text("5")));
+  EXPECT_FALSE(IsReplaced(Text("5"), Text("05")));
+  EXPECT_TRUE(IsReplaced(Text(binary), nothing_));
+  EXPECT_FALSE(IsReplaced(Text(binary), Text(binary + binary)));
+  EXPECT_TRUE(IsReplaced(Text(""), nothing_));
+  EXPECT_FALSE(IsReplaced(Text(""), deleted_));
+  EXPECT_FALSE(IsReplaced(nothing_, Text("")));
+  EXPECT_TRUE(IsReplaced(Text(std::string(1 << 20, 'x')), nothing_));
+}
+
+TEST_F(ChangingEntry, OfAnotherTypeIsLikeNone) {
+  EXPECT_TRUE(IsReplaced(list_, nothing_));
+  EXPECT_TRUE(IsReplaced(nothing_, list_));
+  EXPECT_TRUE(IsReplaced(list_, deleted_));
+  EXPECT_FALSE(IsReplaced(hash_, Text("5")));
+
+  server_.Command({"FLUSHALL"});
+  UsageEntry entry;
+  entry.name = "alice";
+  UsageWriter writer;
+  server_.Command(Text("5"));
+  writer.Read({&entry});
+  server_.Command(deleted_);
+  server_.Command(list_);
+  writer.StoreUnlessChanged({&entry});
+  EXPECT_FALSE(entry.is_stored);
+  EXPECT_EQ(server_.Command({"TYPE", kKey}), "list");
+}
+
+TEST_F(ChangingEntry, IsReadAnew) {
+  UsageEntry entry;
+  entry.name = "alice";
+  UsageWriter writer;
+  server_.Command(Text("5"));
+  writer.Read({&entry});
+  EXPECT_EQ(entry.before, "5");
+  server_.Command(deleted_);
+  writer.Read({&entry});
+  EXPECT_EQ(entry.before, std::nullopt);
+}
+
+TEST_F(ChangingEntry, DoesNotKeepOthersFromBeingReplaced) {
+  std::vector<UsageEntry> entries(2500);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    entries[i].name = "user" + std::to_string(i);
+    entries[i].bytes = i;
+  }
+  UsageWriter writer;
+  writer.Read(Pointers(entries));
+  for (const char* name : {"user0", "user1000", "user2499"}) {
+    server_.Command({"SET", std::string(name) + "/quota/storage", "newer"});
+  }
+  writer.StoreUnlessChanged(Pointers(entries));
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const bool is_newer = i == 0 || i == 1000 || i == 2499;
+    ASSERT_EQ(entries[i].is_stored, !is_newer) << i;
+    ASSERT_EQ(server_.Command({"GET", entries[i].name + "/quota/storage"}),
+              is_newer ? "newer" : std::to_string(i));
+  }
+}
+
+// Redis closes a session that says nothing for long, when "timeout" says so.
+TEST_F(RunningUsageStore, GoesOnAfterASessionThatEndedDuringACount) {
+  UsageEntry entry;
+  entry.name = "alice";
+  UsageWriter writer;
+  writer.Read({&entry});
+  server_.Command({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"});
+  writer.StoreUnlessChanged({&entry});
+  EXPECT_TRUE(entry.is_stored);
 }
 
 TEST_F(RunningUsageStore, StoresTheLargestFigure) {

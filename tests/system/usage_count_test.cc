@@ -6,6 +6,7 @@
 #include <quillon/platform/usage_count.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
 
+#include "support/redis_relay.h"
 #include "system/terminal.h"
 #include "system/world.h"
 
@@ -55,6 +56,7 @@ TEST_F(UsageCountTest, PrintsTheDocument) {
   EXPECT_EQ(data["counted"][0]["usage"].asUInt(), 4U);
   EXPECT_EQ(data["counted"][1]["name"].asString(), "alice");
   EXPECT_EQ(data["counted"][1]["usage"].asUInt(), 1230U);
+  EXPECT_EQ(data["kept"], Json::Value(Json::arrayValue));
   EXPECT_FALSE(data["skipped"].asBool());
 }
 
@@ -133,6 +135,48 @@ TEST_F(UsageCountTest, FailsWithoutTheUsageStore) {
   EXPECT_EQ(outcome.exit_code, 1);
   EXPECT_EQ(outcome.output, "");
   EXPECT_THAT(outcome.error, HasSubstr(world_.redis().socket()));
+}
+
+// The mail server delivers to bob, and says so, whenever a count is about to store his usage.
+class UsageCountBesideTheMailServerTest : public UsageCountTest {
+ protected:
+  UsageCountBesideTheMailServerTest() {
+    std::string configuration = world_.folder().Read("mailserver.toml");
+    const std::string socket = world_.redis().socket();
+    configuration.replace(configuration.find(socket), socket.size(), relay_.socket());
+    world_.folder().Write("mailserver.toml", configuration);
+  }
+
+  unsigned int mails_ = 1;
+  RedisRelay relay_{world_.redis().socket(), [this](const std::string& piece) {
+                      if (HasCommand(piece, "EVAL")) {
+                        world_.Deliver("bob", "new", 4);
+                        world_.SetUsage("bob", std::to_string(4 * ++mails_));
+                      }
+                    }};
+};
+
+TEST_F(UsageCountBesideTheMailServerTest, KeepsWhatTheMailServerWrites) {
+  const Outcome outcome = world_.Quillonctl({"usage", "count"});
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.output,
+            "usage of 2 users counted: 1.2K (1230 bytes)\n"
+            "usage of 1 user kept as the mail server has it, it changed all the time: bob\n");
+  EXPECT_EQ(outcome.error, "");
+  EXPECT_THAT(Usage(), ElementsAre("1230", "24", "0"));
+  EXPECT_THAT(world_.folder().Read("mail.log"), HasSubstr("usage of [bob] kept"));
+}
+
+TEST_F(UsageCountBesideTheMailServerTest, PrintsWhoWasKept) {
+  for (unsigned int i = 0; i < 60; ++i) {
+    world_.AddAccount(fmt::format("user{}", i), 2000 + i);
+  }
+  const Json::Value data = world_.QuillonctlJson({"usage", "count"});
+  ASSERT_EQ(data["counted"].size(), 62U);
+  EXPECT_EQ(data["counted"][1]["name"].asString(), "carol");
+  ASSERT_EQ(data["kept"].size(), 1U);
+  EXPECT_EQ(data["kept"][0].asString(), "bob");
+  EXPECT_FALSE(data["skipped"].asBool());
 }
 
 class UnusualNameTest : public testing::TestWithParam<std::string> {};

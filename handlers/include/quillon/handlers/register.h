@@ -66,8 +66,10 @@ namespace quillon::handlers {
 ///                  names. Everybody else may use every application.
 ///
 /// "Quillon.MailServer.Usage" version 1:
-///   "count"        {"names"} → {"counted": [{"name", "usage"}…], "skipped": false}, or nothing
-///                  counted, "skipped" true and a "reason" while another count is running.
+///   "count"        {"names"} → {"counted": [{"name", "usage"}…], "kept": [NAME…], "skipped":
+///                  false}, or nothing counted, "skipped" true and a "reason" while another count
+///                  is running. "kept" are those whose entry in the usage store changed each time
+///                  they were counted: the mail server writes it, and it stays as it is.
 ///
 /// "Quillon.MailServer.NoOwner" version 1, the mail directories whose uid is nobody's. Sizes are
 /// the bytes of all regular files in them, which is what removal frees. A missing maildir root

@@ -16,14 +16,23 @@ struct CountedUsage {
   unsigned long long bytes = 0;  ///< of the messages of every folder; 0 without a mail directory
 };
 
-/// Counts the mail of every user and stores the figures in the usage store, in one go at the end,
-/// holding the lock of the usage counts throughout. Answers the figures in the order of `users`.
-/// Safe for use from several threads, of which one counts.
+/// What came of a usage count.
+struct UsageCount {
+  std::vector<CountedUsage> counted;  ///< the figures that were stored, in the order of the users
+  /// The real names of the others, in the same order: each time they were counted their entry in
+  /// the usage store changed meanwhile, so the mail server keeps it, and it is as that has it.
+  std::vector<std::string> kept;
+};
+
+/// Counts the mail of every user and stores the figures in the usage store, a hundred users at a
+/// time, holding the lock of the usage counts throughout. A user whose entry in the usage store has
+/// changed since before the count is counted again, five times at most. Safe for use from several
+/// threads, of which one counts.
 ///
 /// Throws `velamailserver::velasdk::FileLockHeld` when another count is running (nothing is counted
-/// then) and `LogException` when the lock cannot be taken for another reason (`ERR_OPEN_FILE`) or a
-/// directory cannot be read (`ERR_LSTAT_FILE`, `ERR_SDK_FILE_ENUM_DIR`; nothing is stored then), or
-/// when the usage store fails (some figures may be stored then).
-std::vector<CountedUsage> CountUsage(const std::vector<velamailserver::velasdk::VelaUser>& users);
+/// then) and `LogException` when the lock cannot be taken for another reason (`ERR_OPEN_FILE`; the
+/// same), when a directory cannot be read (`ERR_LSTAT_FILE`, `ERR_SDK_FILE_ENUM_DIR`) or when the
+/// usage store fails (`ERR_BAD_DB_SESSION`). Some figures may be stored then.
+UsageCount CountUsage(const std::vector<velamailserver::velasdk::VelaUser>& users);
 
 }  // namespace quillon::platform
