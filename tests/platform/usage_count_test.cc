@@ -83,7 +83,7 @@ class CountOfUsage : public testing::Test {
   // The same for when it is about to read the entries.
   void Act(const std::function<void(int)>& before_reading,
            const std::function<void(int)>& before_storing) {
-    relay_.emplace(server_.socket(), [=, this](const std::string& piece) {
+    relay_.emplace(configuration_.usage.socket, [=, this](const std::string& piece) {
       if (test::HasCommand(piece, "MGET")) {
         before_reading(++reads_);
       }
@@ -108,7 +108,7 @@ class CountOfUsage : public testing::Test {
   }
 
   test::TemporaryFolder folder_;
-  test::RedisServer server_;
+  test::RedisServer server_{{.password = "", .tcp = true}};
   Configuration configuration_;
   std::atomic<int> reads_ = 0;
   std::atomic<int> stores_ = 0;
@@ -290,6 +290,25 @@ TEST_F(CountOfUsage, CountsAgainWhatBecomesAnEntryOfAnotherType) {
   EXPECT_EQ(Stored("alice"), "0");
   EXPECT_EQ(Stored("Bob"), "0");
   EXPECT_EQ(stores_, 2);
+}
+
+TEST_F(CountOfUsage, DoesAllThatThroughAShardingProxy) {
+  const test::RedisProxy proxy({server_.port()});
+  configuration_.usage.socket = proxy.socket();
+  server_.Command({"HSET", "Bob/quota/storage", "field", "1"});
+  folder_.Write("spool/local/alice/new/1.host", "1234");
+  BeforeStoring([this](int attempt) {
+    Set("..", std::to_string(attempt));
+    if (attempt == 1) {
+      Set("alice", "4");
+    }
+  });
+  const UsageCount count = CountUsage(Users({"alice", "bob", ".."}));
+  EXPECT_THAT(count.counted, ElementsAre(Counted("alice", 4), Counted("Bob", 0)));
+  EXPECT_THAT(count.kept, ElementsAre(".."));
+  EXPECT_EQ(Stored("alice"), "4");
+  EXPECT_EQ(Stored("Bob"), "0");
+  EXPECT_EQ(Stored(".."), "5");
 }
 
 TEST_F(CountOfUsage, CountsAUserWhoIsThereTwice) {
