@@ -93,7 +93,7 @@ class RedisConnection {
   void RequireMaster();
 
   void Send(const RedisCommand& command);
-  void Send(std::string_view encoded);
+  void Send(std::string_view rest);
   // What is said besides when the server closes the connection instead of answering.
   Reply ReceiveResult(const char* when_closed = "");
   Reply Receive(const char* when_closed = "");
