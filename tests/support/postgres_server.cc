@@ -64,8 +64,10 @@ void GiveToServerUser(const std::string& path) {
 PostgresServer::PostgresServer() {
   std::filesystem::permissions(folder_.path(), std::filesystem::perms(0711));
   const std::string data = folder_ / "data";
-  std::filesystem::create_directory(data);
-  GiveToServerUser(data);
+  for (const std::string& folder : {data, SocketFolder()}) {
+    std::filesystem::create_directory(folder);
+    GiveToServerUser(folder);
+  }
   const Outcome made = Run(AsServerUser({ServerProgram("initdb"), "--pgdata", data, "--auth=trust",
                                          "--username=postgres", "--encoding=UTF8", "--locale=C",
                                          "--no-sync", "--no-instructions"}));
@@ -78,7 +80,7 @@ PostgresServer::PostgresServer() {
 void PostgresServer::Start() {
   const std::string data = folder_ / "data";
   program_ = std::make_unique<BackgroundProgram>(
-      AsServerUser({ServerProgram("postgres"), "-D", data, "-k", data, "-c",
+      AsServerUser({ServerProgram("postgres"), "-D", data, "-k", SocketFolder(), "-c",
                     "listen_addresses=", "-c", "fsync=off"}),
       folder_ / "postgres.log");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -110,7 +112,7 @@ std::string PostgresServer::CreateDatabase() {
 }
 
 std::string PostgresServer::Url(const std::string& database, const std::string& password) const {
-  return fmt::format("postgresql://postgres:{}@/{}?host={}", password, database, folder_ / "data");
+  return fmt::format("postgresql://postgres:{}@/{}?host={}", password, database, SocketFolder());
 }
 
 }  // namespace quillon::test

@@ -31,6 +31,9 @@ class PostgresServer {
   void Thaw() const { program_->Thaw(); }
 
  private:
+  // That programs of other users reach, too.
+  std::string SocketFolder() const { return folder_ / "run"; }
+
   TemporaryFolder folder_;
   int databases_ = 0;
   std::unique_ptr<BackgroundProgram> program_;
