@@ -16,6 +16,7 @@
 #include "account_commands.h"
 #include "api_call.h"
 #include "command.h"
+#include "export_command.h"
 #include "group_commands.h"
 #include "host_commands.h"
 #include "no_owner_commands.h"
@@ -82,6 +83,9 @@ void CheckRemote(const CLI::App& app, const RemoteOptions& remote) {
   if (app.got_subcommand(kAccountCommands) && remote.IsAny()) {
     throw CLI::ValidationError("--host", "the accounts of a host are kept on the host itself");
   }
+  if (app.got_subcommand(kExport) && remote.IsAny()) {
+    throw CLI::ValidationError("--host", "settings are those of the host itself");
+  }
   if (!names_its_hosts && remote.IsAny() && !remote.host) {
     throw CLI::RequiredError("--host");
   }
@@ -110,6 +114,7 @@ int Execute(int argc, char** argv) {
   AddPrivilegeCommands(app, command);
   AddUsageCommands(app, command);
   AddSyncCommand(app, command);
+  AddExportCommands(app, *configuration, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);
   AddHostCommands(app, remote, command);

@@ -1,0 +1,171 @@
+#include "dovecot_settings.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+#include <fmt/format.h>
+
+namespace {
+
+using quillon::platform::Configuration;
+
+constexpr std::string_view kKeyOfDovecot = "{name}/quota/storage";
+constexpr std::string_view kSqliteScheme = "sqlite://";
+
+// Limits from here on are none: Dovecot's numbers end at 2^63, and no disk has as much.
+constexpr int kMostDigits = 18;
+
+// A value in Dovecot's configuration, where a percent sign begins a variable.
+std::string Value(std::string_view text) {
+  std::string value = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      value += '\\';
+    }
+    value += c;
+    if (c == '%') {
+      value += c;
+    }
+  }
+  return value + "\"";
+}
+
+// A part of the address of a Dovecot dictionary, whose parts are separated by colons.
+std::string Part(const char* name, const std::string& text, const char* key) {
+  if (text.find(':') != std::string::npos) {
+    throw CannotBeExported(fmt::format(
+        "{} holds a colon, which Dovecot takes for the end of it: choose another", key));
+  }
+  return fmt::format(":{}={}", name, text);
+}
+
+std::string UsageStore(const Configuration::Usage& usage) {
+  if (!usage.sentinels.empty()) {
+    throw CannotBeExported(
+        "usage.sentinels: Dovecot cannot ask Redis Sentinels; give it a server by usage.host and "
+        "usage.port that always leads to the master");
+  }
+  if (!usage.password.empty()) {
+    throw CannotBeExported(
+        "usage.password: Dovecot cannot give Redis a password; let it be reached by a unix socket "
+        "(usage.socket) that only root and the group quillon-mail may use");
+  }
+  if (!usage.key_template.ends_with(kKeyOfDovecot)) {
+    throw CannotBeExported(
+        fmt::format("usage.key_template is {}, and Dovecot's keys end with {}: set it to that",
+                    usage.key_template, kKeyOfDovecot));
+  }
+  const std::string prefix =
+      usage.key_template.substr(0, usage.key_template.size() - kKeyOfDovecot.size());
+  std::string address = "redis";
+  if (usage.socket.empty()) {
+    address += Part("host", usage.host, "usage.host") + fmt::format(":port={}", usage.port);
+  } else {
+    address += Part("path", usage.socket, "usage.socket");
+  }
+  if (!prefix.empty()) {
+    address += Part("prefix", prefix, "usage.key_template");
+  }
+  if (usage.database != 0) {
+    address += fmt::format(":db={}", usage.database);
+  }
+  return address;
+}
+
+// Percent signs begin variables.
+constexpr char kUserQuery[] = R"(SELECT home, uid, gid, 'maildir:' || home AS mail, \
+  '*:bytes=' || CASE WHEN length(quota_limit) <= {} THEN quota_limit ELSE '0' END AS quota_rule \
+  FROM mail_user_quota WHERE name = '%u')";
+
+std::string Heading(const std::string& source) {
+  return fmt::format(
+      "# Made by quillonctl export dovecot, for Dovecot 2.3 and the settings in\n"
+      "# {}. Make it anew when those change.\n",
+      source);
+}
+
+std::string SqlSettings(const Configuration::Quota& quota, const std::string& source) {
+  const std::string_view store = quota.store;
+  const bool is_sqlite = store.starts_with(kSqliteScheme);
+  return fmt::format(
+      "{}\n"
+      "driver = {}\n"
+      "connect = {}\n"
+      "\n"
+      "# A limit of 0 is none; so is one that is not there, or larger than Dovecot can count.\n"
+      "user_query = {}\n"
+      "iterate_query = SELECT name AS user FROM mail_user\n",
+      Heading(source), is_sqlite ? "sqlite" : "pgsql",
+      is_sqlite ? store.substr(kSqliteScheme.size()) : store, fmt::format(kUserQuery, kMostDigits));
+}
+
+// The group that may make mail directories; nothing when none may.
+std::optional<gid_t> GroupOfMailFolder(const Configuration::Maildir& maildir) {
+  const std::string folder = maildir.root + "/" + maildir.domain;
+  struct stat status {};
+  if (::stat(folder.c_str(), &status) != 0) {
+    throw std::system_error(errno, std::generic_category(), folder);
+  }
+  return (status.st_mode & S_IWGRP) != 0 ? std::optional(status.st_gid) : std::nullopt;
+}
+
+std::string MailAccess(const Configuration::Maildir& maildir) {
+  const auto group = GroupOfMailFolder(maildir);
+  return group ? fmt::format("mail_access_groups = {}\n", *group)
+               : fmt::format(
+                     "# No group may write to {0}/{1}: mail for a user without a mail directory\n"
+                     "# fails. Give the folder a group (chgrp GROUP, chmod 1771), and make this "
+                     "file anew.\n",
+                     maildir.root, maildir.domain);
+}
+
+std::string MailSettings(const Configuration& configuration, const std::string& source,
+                         const std::string& sql_file) {
+  return fmt::format(
+      R"({heading}
+# Names are those of the accounts as they are, with capitals, signs and a plus.
+auth_username_format = %u
+auth_username_chars =
+recipient_delimiter =
+
+# Who there is, where the mail is, and the limits. No other userdb may know these users.
+userdb {{
+  driver = sql
+  args = {sql}
+}}
+first_valid_uid = {min_uid}
+last_valid_uid = {max_uid}
+
+# Whoever gets mail for the first time needs a mail directory, which this group may make.
+{access}
+# Limits are held to the byte. The figures go to the usage store.
+mail_plugins = $mail_plugins quota quota_clone
+protocol imap {{
+  mail_plugins = $mail_plugins imap_quota
+}}
+plugin {{
+  quota = maildir:User quota
+  quota_grace = 0
+  quota_clone_dict = {usage}
+}}
+)",
+      fmt::arg("heading", Heading(source)), fmt::arg("sql", Value(sql_file)),
+      fmt::arg("min_uid", configuration.accounts.min_uid),
+      fmt::arg("max_uid", configuration.accounts.max_uid),
+      fmt::arg("access", MailAccess(configuration.maildir)),
+      fmt::arg("usage", Value(UsageStore(configuration.usage))));
+}
+
+}  // namespace
+
+std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
+                                          const std::string& source, const std::string& folder) {
+  const std::string sql_file = folder + "/quillon-sql.conf.ext";
+  // The store's password is in the second one.
+  return {{folder + "/conf.d/90-quillon.conf", MailSettings(configuration, source, sql_file), 0644},
+          {sql_file, SqlSettings(configuration.quota, source), 0600}};
+}

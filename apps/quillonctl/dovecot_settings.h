@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <quillon/platform/configuration.h>
+
+/// A file of settings for another program.
+struct SettingsFile {
+  std::string path;
+  std::string content;
+  mode_t mode;
+};
+
+/// The other program has no setting for what ours say. `what()` names the key and the remedy.
+class CannotBeExported : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Settings that have Dovecot 2.3 find the mail users and their limits in the quota store, refuse
+/// mail beyond the limits, and keep the figures in the usage store. `source` is the file of our
+/// settings, for the reader, and `folder` that of Dovecot's. Throws `CannotBeExported`, and
+/// `std::system_error` when the folder of the mail directories cannot be looked at.
+std::vector<SettingsFile> DovecotSettings(const quillon::platform::Configuration& configuration,
+                                          const std::string& source, const std::string& folder);

@@ -1,0 +1,195 @@
+// A real mail server, which reads the limits from the quota store and writes the figures into the
+// usage store.
+#include "system/dovecot.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/quota_world.h"
+#include "system/world.h"
+
+namespace quillon::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+namespace fs = std::filesystem;
+
+constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
+
+class DovecotTest : public testing::TestWithParam<const char*> {
+ protected:
+  DovecotTest() {
+    const std::string spool = world_.folder() / "spool/local";
+    fs::create_directories(spool);
+    EXPECT_EQ(::chown(spool.c_str(), 0, kMailGroup), 0);
+    EXPECT_EQ(::chmod(spool.c_str(), 01771), 0);
+    const fs::path socket = world_.redis().socket();
+    for (const fs::path& path : {world_.folder().path(), socket.parent_path(), socket}) {
+      fs::permissions(path, fs::perms(0777));
+    }
+    if (std::string(GetParam()) == "Postgresql") {
+      store_ = std::make_unique<PostgresqlWorld>();
+      world_.UseStore(store_->Url());
+    }
+  }
+
+  void Start() {
+    Do({"quota", "sync"});
+    Do({"export", "dovecot", "--output", world_.folder() / "dovecot"});
+    dovecot_ = std::make_unique<Dovecot>(world_.folder() / "dovecot");
+  }
+
+  // Dovecot asks the store about a user anew once it has forgotten the last answer.
+  void Do(const std::vector<std::string>& arguments) {
+    const Outcome outcome = world_.Quillonctl(arguments);
+    EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
+  }
+
+  std::string Deliver(const std::string& user, std::size_t bytes) const {
+    return dovecot_->Deliver(user, bytes);
+  }
+
+  // As the report has it.
+  std::string Usage(const std::string& user) const {
+    const Json::Value report = world_.QuillonctlJson({"user", "list"});
+    for (const Json::Value& entry : report["users"]) {
+      if (entry["name"] == user) {
+        return entry["usage"].asString();
+      }
+    }
+    return "no such user";
+  }
+
+  // What is on the disk.
+  std::string Counted(const std::string& user) const {
+    std::uintmax_t bytes = 0;
+    for (const char* folder : {"cur", "new"}) {
+      for (const auto& file : fs::directory_iterator(world_.Maildir(user) + "/" + folder)) {
+        bytes += file.file_size();
+      }
+    }
+    return std::to_string(bytes);
+  }
+
+  World world_;
+  std::unique_ptr<QuotaWorld> store_;
+  std::unique_ptr<Dovecot> dovecot_;
+};
+
+INSTANTIATE_TEST_SUITE_P(, DovecotTest, testing::Values("Sqlite", "Postgresql"),
+                         [](const auto& param) { return std::string(param.param); });
+
+TEST_P(DovecotTest, RefusesMailBeyondTheLimit) {
+  Do({"user", "set-quota", "--limit", "10K", "--warning", "10K", "alice"});
+  Start();
+  EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("alice", 5000), StartsWith("552 5.2.2 <alice> Quota exceeded"));
+  EXPECT_THAT(Deliver("alice", 3000), StartsWith("250 2.0.0"));
+  EXPECT_EQ(Usage("alice"), Counted("alice"));
+  EXPECT_THAT(Deliver("bob", 50000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("nobody", 10), StartsWith("550"));
+}
+
+TEST_P(DovecotTest, FollowsEveryChangeOfALimit) {
+  Start();
+  EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));
+  Do({"user", "set-quota", "--limit", "5K", "--warning", "5K", "alice"});  // below the usage
+  EXPECT_THAT(Deliver("alice", 100), StartsWith("552"));
+  Do({"user", "set-quota", "--limit", "20K", "--warning", "5K", "alice"});
+  EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));
+  Do({"user", "clear-quota", "alice"});
+  EXPECT_THAT(Deliver("alice", 60000), StartsWith("250 2.0.0"));
+  Do({"group", "set-quota", "--limit", "20K", "--warning", "5K", "users"});
+  EXPECT_THAT(Deliver("alice", 100), StartsWith("552"));
+  Do({"user", "set-quota", "--limit", "0", "--warning", "0", "alice"});
+  EXPECT_THAT(Deliver("alice", 60000), StartsWith("250 2.0.0"));
+  EXPECT_EQ(Usage("alice"), Counted("alice"));
+}
+
+TEST_P(DovecotTest, FollowsTheAccounts) {
+  Start();
+  EXPECT_THAT(Deliver("dora", 100), StartsWith("550"));
+  world_.AddAccount("dora", 1004);
+  world_.AddGroup("sales", 200, {"dora"});
+  Do({"group", "set-quota", "--limit", "5K", "--warning", "5K", "sales"});
+  EXPECT_THAT(Deliver("dora", 100), StartsWith("550"));
+  Do({"quota", "sync"});
+  EXPECT_THAT(Deliver("dora", 100), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("dora", 6000), StartsWith("552"));
+  EXPECT_EQ(Usage("dora"), Counted("dora"));
+}
+
+TEST_P(DovecotTest, LowersTheFigureWhenMailIsRemoved) {
+  Start();
+  EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("alice", 3000), StartsWith("250 2.0.0"));
+  dovecot_->RemoveFirstMessage("alice");
+  // The server that does so goes on for a moment after the client has left.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (Usage("alice") != Counted("alice") && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_EQ(Usage("alice"), Counted("alice"));
+  EXPECT_NE(Counted("alice"), "0");
+}
+
+TEST_P(DovecotTest, KnowsUsersByTheirNames) {
+  for (const char* name : {"a.b", "a+b", "Ann", "O'Neil", "100%u", "zo\xc3\xab"}) {
+    static unsigned int uid = 2000;
+    world_.AddAccount(name, ++uid);
+  }
+  Start();
+  for (const char* name : {"a.b", "a+b", "Ann", "O'Neil", "100%u"}) {
+    EXPECT_THAT(Deliver(name, 3000), StartsWith("250 2.0.0")) << name;
+    EXPECT_EQ(Usage(name), Counted(name)) << name;
+  }
+  EXPECT_THAT(Deliver("ann", 3000), StartsWith("550"));
+  // Its LMTP takes no address with such a letter.
+  EXPECT_THAT(dovecot_->Append("zo\xc3\xab", 3000), StartsWith("c OK"));
+  EXPECT_EQ(Usage("zo\xc3\xab"), Counted("zo\xc3\xab"));
+}
+
+TEST_P(DovecotTest, MayGoOnWhileItsFiguresAreCountedAnew) {
+  Start();
+  for (const char* user : {"alice", "bob"}) {
+    EXPECT_THAT(Deliver(user, 6000), StartsWith("250 2.0.0"));
+  }
+  world_.redis().Command({"FLUSHALL"});
+  EXPECT_EQ(Usage("bob"), "0");
+  {
+    const std::jthread deliveries([&] {
+      for (int i = 0; i < 10; ++i) {
+        EXPECT_THAT(Deliver("alice", 500), StartsWith("250 2.0.0"));
+      }
+    });
+    for (int i = 0; i < 3; ++i) {
+      Do({"usage", "count"});
+    }
+  }
+  for (const char* user : {"alice", "bob"}) {
+    EXPECT_EQ(Usage(user), Counted(user)) << user;
+  }
+}
+
+TEST_P(DovecotTest, FollowsARenamedAccountAndForgetsADeletedOne) {
+  Start();
+  EXPECT_THAT(Deliver("bob", 100), StartsWith("250 2.0.0"));
+  world_.folder().Write("passwd", "alice:x:1001:100:::\nrobert:x:1002:100:::\n");
+  Do({"quota", "sync"});
+  EXPECT_THAT(Deliver("robert", 100), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("bob", 100), StartsWith("550"));
+  EXPECT_THAT(Deliver("carol", 100), StartsWith("550"));
+  EXPECT_EQ(Usage("robert"), Counted("robert"));
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,121 @@
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "system/world.h"
+
+namespace quillon::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+namespace fs = std::filesystem;
+
+class ExportTest : public testing::Test {
+ protected:
+  ExportTest() { fs::create_directories(world_.folder() / "spool/local"); }
+
+  // In the place of the table.
+  void SetUsage(const std::string& settings) {
+    std::string text = world_.folder().Read("mailserver.toml");
+    const auto begin = text.find("[usage]\n") + 8;
+    text.replace(begin, text.find("[log]") - begin, settings + "\n");
+    world_.folder().Write("mailserver.toml", text);
+  }
+
+  Outcome Export() const { return world_.Quillonctl({"export", "dovecot"}); }
+
+  World world_;
+};
+
+TEST_F(ExportTest, PrintsTheSettings) {
+  SetUsage(
+      "host = \"redis.example\"\nport = 6380\ndatabase = 2\nkey_template = "
+      "\"m/{name}/quota/storage\"");
+  const Outcome outcome = Export();
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
+  EXPECT_THAT(outcome.output,
+              AllOf(StartsWith("### /etc/dovecot/conf.d/90-quillon.conf\n"),
+                    HasSubstr(world_.configuration_file()),
+                    HasSubstr("args = \"/etc/dovecot/quillon-sql.conf.ext\"\n"),
+                    HasSubstr("first_valid_uid = 1000\nlast_valid_uid = 59999\n"),
+                    HasSubstr("quota_clone_dict = "
+                              "\"redis:host=redis.example:port=6380:prefix=m/:db=2\"\n"),
+                    HasSubstr("\n### /etc/dovecot/quillon-sql.conf.ext\n"),
+                    HasSubstr("driver = sqlite\nconnect = " + world_.quota_database() + "\n")));
+}
+
+TEST_F(ExportTest, WritesIntoAFolder) {
+  const std::string folder = world_.folder() / "dovecot";
+  const Outcome outcome = world_.Quillonctl({"export", "dovecot", "--output", folder});
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
+  EXPECT_EQ(outcome.output,
+            fmt::format("{0}/conf.d/90-quillon.conf\n{0}/quillon-sql.conf.ext\n", folder));
+  EXPECT_THAT(world_.folder().Read("dovecot/conf.d/90-quillon.conf"),
+              HasSubstr("args = \"" + folder + "/quillon-sql.conf.ext\""));
+  struct stat status {};
+  ASSERT_EQ(::stat((folder + "/quillon-sql.conf.ext").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);  // it may hold a password
+}
+
+TEST_F(ExportTest, HasTheStoreInPostgresql) {
+  world_.UseStore("postgresql://quillon:p%40ss@db/quillon?sslmode=verify-full");
+  EXPECT_THAT(Export().output,
+              HasSubstr("driver = pgsql\n"
+                        "connect = postgresql://quillon:p%40ss@db/quillon?sslmode=verify-full\n"));
+}
+
+TEST_F(ExportTest, HasTheGroupThatMayMakeMailDirectories) {
+  const std::string folder = world_.folder() / "spool/local";
+  ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
+  EXPECT_THAT(Export().output, AllOf(HasSubstr("# No group may write to " + folder),
+                                     Not(HasSubstr("mail_access_groups ="))));
+  ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), 12345), 0);
+  ASSERT_EQ(::chmod(folder.c_str(), 01771), 0);
+  EXPECT_THAT(Export().output, HasSubstr("\nmail_access_groups = 12345\n"));
+}
+
+TEST_F(ExportTest, QuotesWhatDovecotWouldTakeForItsOwn) {
+  SetUsage("socket = \"/run/a \\\"b\\\" #%u.sock\"");
+  EXPECT_THAT(Export().output,
+              HasSubstr(R"(quota_clone_dict = "redis:path=/run/a \"b\" #%%u.sock")"));
+}
+
+TEST_F(ExportTest, RefusesWhatDovecotHasNoSettingFor) {
+  for (const auto& [settings, problem] : std::vector<std::pair<std::string, std::string>>{
+           {"password = \"x\"", "usage.password: Dovecot cannot give Redis a password"},
+           {"sentinels = [\"127.0.0.1:26379\"]", "usage.sentinels: Dovecot cannot ask"},
+           {"key_template = \"{name}/usage\"", "usage.key_template is {name}/usage, and"},
+           {"key_template = \"a:{name}/quota/storage\"", "usage.key_template holds a colon"},
+           {"host = \"::1\"", "usage.host holds a colon"},
+           {"socket = \"/run/a:b\"", "usage.socket holds a colon"}}) {
+    SetUsage(settings);
+    const Outcome outcome = Export();
+    EXPECT_EQ(outcome.exit_code, 1) << settings;
+    EXPECT_THAT(outcome.error, StartsWith("quillonctl: " + problem)) << settings;
+    EXPECT_EQ(outcome.output, "");
+  }
+}
+
+TEST_F(ExportTest, SaysWhenThereIsNoFolderForMail) {
+  fs::remove_all(world_.folder() / "spool");
+  const Outcome outcome = Export();
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error, HasSubstr((world_.folder() / "spool/local") + ": No such file"));
+}
+
+TEST_F(ExportTest, IsOfThisHostOnly) {
+  const Outcome outcome =
+      world_.Quillonctl({"--host", "mail2", "--account", "boss", "export", "dovecot"});
+  EXPECT_EQ(outcome.exit_code, 2);
+  EXPECT_THAT(outcome.error, HasSubstr("settings are those of the host itself"));
+}
+
+}  // namespace
+}  // namespace quillon::test
