@@ -6,11 +6,12 @@ namespace quillon::platform {
 
 /// What a synchronisation of the mail users changes: numbers of users.
 struct MailUserChanges {
-  std::size_t added = 0;
-  std::size_t changed = 0;  ///< the name, primary group, mail directory or groups
-  std::size_t removed = 0;
-  std::size_t unchanged = 0;
+  std::size_t added = 0;      ///< who are new
+  std::size_t changed = 0;    ///< whose name, primary group, mail directory or groups are others
+  std::size_t removed = 0;    ///< who are gone
+  std::size_t unchanged = 0;  ///< the others
 
+  /// Whether nothing changes.
   bool IsNone() const { return added == 0 && changed == 0 && removed == 0; }
 };
 
