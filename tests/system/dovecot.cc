@@ -134,7 +134,7 @@ service imap-login {{
   program_ = std::make_unique<BackgroundProgram>(
       std::vector<std::string>{"dovecot", "-F", "-c", configuration_}, folder_ / "output");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (::access(Socket().c_str(), F_OK) != 0) {
+  while (!Listens()) {
     if (!program_->IsRunning() || std::chrono::steady_clock::now() > deadline) {
       throw std::runtime_error("dovecot: " + folder_.Read("output"));
     }
@@ -143,6 +143,16 @@ service imap-login {{
 }
 
 Dovecot::~Dovecot() { program_->Stop(); }
+
+bool Dovecot::Listens() const {
+  try {
+    const Conversation lmtp(Socket());
+    const Conversation imap(imap_port_);
+    return true;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
 
 std::string Dovecot::Deliver(const std::string& user, std::size_t bytes) const {
   Conversation lmtp(Socket());

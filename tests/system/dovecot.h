@@ -29,6 +29,7 @@ class Dovecot {
   std::string Log() const;
 
  private:
+  bool Listens() const;
   std::string Socket() const { return (folder_ / "run") + "/lmtp"; }
 
   TemporaryFolder folder_;
