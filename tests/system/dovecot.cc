@@ -132,7 +132,8 @@ service imap-login {{
 )",
                                             folder_.path().string(), imap_port_, settings));
   program_ = std::make_unique<BackgroundProgram>(
-      std::vector<std::string>{"dovecot", "-F", "-c", configuration_}, folder_ / "output");
+      std::vector<std::string>{"/usr/sbin/dovecot", "-F", "-c", configuration_},
+      folder_ / "output");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!Listens()) {
     if (!program_->IsRunning() || std::chrono::steady_clock::now() > deadline) {
