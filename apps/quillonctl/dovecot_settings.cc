@@ -103,23 +103,27 @@ std::string SqlSettings(const Configuration::Quota& quota, const std::string& so
       is_sqlite ? store.substr(kSqliteScheme.size()) : store, fmt::format(kUserQuery, kMostDigits));
 }
 
-// The group that may make mail directories; nothing when none may.
+// The group that may make mail directories; nothing when none may. Every user's mail is read with
+// it, so it must not be root's, nor let one user's processes take another one's directory away.
 std::optional<gid_t> GroupOfMailFolder(const Configuration::Maildir& maildir) {
   const std::string folder = maildir.root + "/" + maildir.domain;
   struct stat status {};
   if (::stat(folder.c_str(), &status) != 0) {
     throw std::system_error(errno, std::generic_category(), folder);
   }
-  return (status.st_mode & S_IWGRP) != 0 ? std::optional(status.st_gid) : std::nullopt;
+  const bool may_make = (status.st_mode & S_IWGRP) != 0 && (status.st_mode & S_ISVTX) != 0;
+  return may_make && status.st_gid != 0 ? std::optional(status.st_gid) : std::nullopt;
 }
 
 std::string MailAccess(const Configuration::Maildir& maildir) {
   const auto group = GroupOfMailFolder(maildir);
   return group ? fmt::format("mail_access_groups = {}\n", *group)
                : fmt::format(
-                     "# No group may write to {0}/{1}: mail for a user without a mail directory\n"
-                     "# fails. Give the folder a group (chgrp GROUP, chmod 1771), and make this "
-                     "file anew.\n",
+                     "# {0}/{1} has no group of its own that may write to it, with the sticky bit "
+                     "set:\n"
+                     "# mail for a user without a mail directory fails. Give it one (chgrp GROUP, "
+                     "chmod "
+                     "1771), and\n# make this file anew.\n",
                      maildir.root, maildir.domain);
 }
 

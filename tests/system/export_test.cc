@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -73,11 +74,18 @@ TEST_F(ExportTest, HasTheStoreInPostgresql) {
 
 TEST_F(ExportTest, HasTheGroupThatMayMakeMailDirectories) {
   const std::string folder = world_.folder() / "spool/local";
-  ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
-  EXPECT_THAT(Export().output, AllOf(HasSubstr("# No group may write to " + folder),
-                                     Not(HasSubstr("mail_access_groups ="))));
+  struct Case {
+    gid_t group;
+    mode_t mode;
+  };
+  // Nobody's, without the sticky bit, and root's.
+  for (const auto& [group, mode] : {Case{12345, 0755}, Case{12345, 0771}, Case{0, 01771}}) {
+    ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), group), 0);
+    ASSERT_EQ(::chmod(folder.c_str(), mode), 0);
+    EXPECT_THAT(Export().output, AllOf(HasSubstr("# " + folder + " has no group of its own"),
+                                       Not(HasSubstr("mail_access_groups ="))));
+  }
   ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), 12345), 0);
-  ASSERT_EQ(::chmod(folder.c_str(), 01771), 0);
   EXPECT_THAT(Export().output, HasSubstr("\nmail_access_groups = 12345\n"));
 }
 
