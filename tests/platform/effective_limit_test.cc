@@ -24,7 +24,7 @@
 
 #include "support/as_nobody.h"
 #include "support/own_process.h"
-#include "support/postgres_server.h"
+#include "support/quota_world.h"
 #include "support/temporary_folder.h"
 
 namespace quillon::platform {
@@ -40,12 +40,6 @@ using velamailserver::velasdk::VelaUser;
 namespace fs = std::filesystem;
 
 constexpr unsigned long long kLargest = 18446744073709551615ULL;
-
-// One server for all tests of the program.
-test::PostgresServer& Postgresql() {
-  static test::PostgresServer server;
-  return server;
-}
 
 // A host with users and groups in files of its own: alice has the primary group "users" and is in
 // "staff" and "sales", bob has a primary group alone, and carol one that is no group's.
@@ -91,26 +85,12 @@ class EffectiveLimitTest : public testing::Test {
 // The same on every kind of store.
 class EffectiveLimit : public EffectiveLimitTest, public testing::WithParamInterface<const char*> {
  protected:
-  EffectiveLimit() {
-    if (IsSqlite()) {
-      UseStore("sqlite://" + (folder_ / "quota.db"));
-    } else {
-      database_ = Postgresql().CreateDatabase();
-      UseStore(Postgresql().Url(database_));
-    }
-  }
-
-  static bool IsSqlite() { return std::string(GetParam()) == "Sqlite"; }
+  EffectiveLimit() { UseStore(world_->Url()); }
 
   // The store as another program has it.
-  std::unique_ptr<soci::session> Connect() const {
-    return IsSqlite()
-               ? std::make_unique<soci::session>(soci::sqlite3,
-                                                 "dbname=" + (folder_ / "quota.db") + " timeout=5")
-               : std::make_unique<soci::session>(soci::postgresql, Postgresql().Url(database_));
-  }
+  std::unique_ptr<soci::session> Connect() const { return world_->Connect(); }
 
-  std::string database_;
+  std::unique_ptr<test::QuotaWorld> world_ = test::MakeQuotaWorld(GetParam(), folder_ / "quota.db");
 };
 
 INSTANTIATE_TEST_SUITE_P(, EffectiveLimit, testing::Values("Sqlite", "Postgresql"),
@@ -397,18 +377,18 @@ TEST_F(SqliteEffectiveLimit, LosesNoWriteOfParentsAndChildren) {
 class PostgresqlEffectiveLimit : public EffectiveLimitTest {
  protected:
   PostgresqlEffectiveLimit() {
-    UseStore(Postgresql().Url(database_));
+    UseStore(test::QuotaServer().Url(database_));
     SetUser("alice", 10);
     EXPECT_EQ(GetResultUserQuotaLimit("alice"), 10U);
   }
 
-  std::string database_ = Postgresql().CreateDatabase();
+  std::string database_ = test::QuotaServer().CreateDatabase();
 };
 
 TEST_F(PostgresqlEffectiveLimit, IsKnownAgainAfterTheServerWasDown) {
-  Postgresql().Stop();
+  test::QuotaServer().Stop();
   const auto failure = FailureOf("alice");
-  Postgresql().Start();
+  test::QuotaServer().Start();
   EXPECT_THAT(failure.code(),
               testing::AnyOf(velamailserver::ERR_BAD_DB_SESSION, velamailserver::ERR_DB_SELECT));
   EXPECT_THAT(failure.what(), HasSubstr("quota store [postgresql://"));
@@ -416,7 +396,7 @@ TEST_F(PostgresqlEffectiveLimit, IsKnownAgainAfterTheServerWasDown) {
 }
 
 TEST_F(PostgresqlEffectiveLimit, IsKnownAfterTheServerClosedTheConnection) {
-  soci::session(soci::postgresql, Postgresql().Url(database_))
+  soci::session(soci::postgresql, test::QuotaServer().Url(database_))
       << "SELECT pg_terminate_backend(pid) FROM pg_stat_activity"
          " WHERE datname = current_database() AND pid <> pg_backend_pid()";
   EXPECT_EQ(GetResultUserQuotaLimit("alice"), 10U);

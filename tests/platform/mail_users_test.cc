@@ -25,9 +25,6 @@
 namespace quillon::platform {
 namespace {
 
-using test::PostgresqlWorld;
-using test::QuotaWorld;
-using test::SqliteWorld;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -48,11 +45,6 @@ class MailUsers : public testing::TestWithParam<const char*> {
     configuration_.accounts.max_uid = 4294967294;
     configuration_.maildir.root = folder_ / "spool";
     configuration_.log = {"file", folder_ / "log"};
-    if (std::string(GetParam()) == "Sqlite") {
-      world_ = std::make_unique<SqliteWorld>(folder_ / "quota.db");
-    } else {
-      world_ = std::make_unique<PostgresqlWorld>();
-    }
     configuration_.quota.store = world_->Url();
     UseConfiguration(configuration_);
     WriteUsers("ann:x:70001:100:::\nbob:x:70002:100:::\nroot:x:0:0:::\n");
@@ -118,7 +110,7 @@ class MailUsers : public testing::TestWithParam<const char*> {
 
   test::TemporaryFolder folder_;
   Configuration configuration_;
-  std::unique_ptr<QuotaWorld> world_;
+  std::unique_ptr<test::QuotaWorld> world_ = test::MakeQuotaWorld(GetParam(), folder_ / "quota.db");
 
  private:
   void Replace(const std::string& name, const std::string& text) {
@@ -255,7 +247,9 @@ TEST_P(MailUsers, AreWhoCanBeFound) {
       "a/b:x:70003:100:::\n..:x:70004:100:::\nann:x:70006:100:::\n");
   EXPECT_EQ(Sync(), "+2 ~0 -0 =0");
   EXPECT_THAT(Quotas(), ElementsAre("twice 70005 100 - -", "ann 70006 100 - -"));
-  EXPECT_THAT(folder_.Read("log"), HasSubstr("4 accounts are left out of the mail users"));
+  EXPECT_THAT(
+      folder_.Read("log"),
+      HasSubstr("4 accounts are left out of the mail users, the first is that of uid 70001"));
 }
 
 // Mail for whoever is missing would be refused for good.

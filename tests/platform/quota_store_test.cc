@@ -133,11 +133,7 @@ class QuotaTest : public testing::Test {
 class QuotaStore : public QuotaTest, public testing::WithParamInterface<const char*> {
  protected:
   QuotaStore() {
-    if (std::string(GetParam()) == "Sqlite") {
-      world_ = std::make_unique<SqliteWorld>(folder_ / "quota.db");
-    } else {
-      world_ = std::make_unique<PostgresqlWorld>();
-    }
+    world_ = test::MakeQuotaWorld(GetParam(), folder_ / "quota.db");
     UseStore(world_->Url());
   }
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -108,5 +109,13 @@ class PostgresqlWorld : public QuotaWorld {
  private:
   std::string database_;
 };
+
+/// The world of a store by its kind, "Sqlite", in the file `path`, or "Postgresql".
+inline std::unique_ptr<QuotaWorld> MakeQuotaWorld(std::string_view kind, const std::string& path) {
+  if (kind == "Sqlite") {
+    return std::make_unique<SqliteWorld>(path);
+  }
+  return std::make_unique<PostgresqlWorld>();
+}
 
 }  // namespace quillon::test

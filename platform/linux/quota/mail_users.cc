@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -68,8 +69,11 @@ std::vector<MailUser> ListUsersWithoutGroups() {
   }
   KeepOnePerName(users);
   if (users.size() < uids.size()) {
-    maillog(4, "%s:%d %zu accounts are left out of the mail users", kSourceFile, kLeftOutLine,
-            uids.size() - users.size());
+    const auto first =
+        std::mismatch(uids.begin(), uids.end(), users.begin(), users.end(),
+                      [](std::uint32_t uid, const MailUser& user) { return uid == user.uid; });
+    maillog(4, "%s:%d %zu accounts are left out of the mail users, the first is that of uid %u",
+            kSourceFile, kLeftOutLine, uids.size() - users.size(), *first.first);
   }
   return users;
 }
