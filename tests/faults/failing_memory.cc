@@ -18,10 +18,7 @@ using quillon::test::FaultPlan;
 
 FaultPlan* plan = nullptr;
 
-[[gnu::constructor]] void FindPlan() {
-  const char* const path = std::getenv(quillon::test::kFaultPlanVariable);
-  plan = path == nullptr ? nullptr : quillon::test::MapFaultPlan(path, 0);
-}
+[[gnu::constructor]] void FindPlan() { plan = quillon::test::FaultPlanOfEnvironment(); }
 
 bool IsDenied() {
   if (plan == nullptr || plan->fault != Fault::kNoMemory || ++plan->calls != plan->ordinal) {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <system_error>
 
 namespace quillon::test {
@@ -53,6 +54,12 @@ inline FaultPlan* MapFaultPlan(const char* path, int flags) {
       ::mmap(nullptr, sizeof(FaultPlan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
   return memory == MAP_FAILED ? nullptr : static_cast<FaultPlan*>(memory);
+}
+
+/// The plan for this program, by its environment; null when there is none.
+inline FaultPlan* FaultPlanOfEnvironment() {
+  const char* const path = std::getenv(kFaultPlanVariable);
+  return path == nullptr ? nullptr : MapFaultPlan(path, 0);
 }
 
 }  // namespace quillon::test
