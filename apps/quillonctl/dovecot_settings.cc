@@ -1,8 +1,10 @@
 #include "dovecot_settings.h"
 
+#include <grp.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -15,6 +17,9 @@ using quillon::platform::Configuration;
 
 constexpr std::string_view kKeyOfDovecot = "{name}/quota/storage";
 constexpr std::string_view kSqliteScheme = "sqlite://";
+
+// By the sizes of the messages, which is what a count of ours makes, too.
+constexpr char kQuota[] = "maildir:User quota";
 
 // Limits from here on are none: Dovecot's numbers end at 2^63, and no disk has as much.
 constexpr int kMostDigits = 18;
@@ -32,6 +37,15 @@ std::string Value(std::string_view text) {
     }
   }
   return value + "\"";
+}
+
+// A word of a shell command.
+std::string Quoted(const std::string& text) {
+  std::string word = "'";
+  for (const char c : text) {
+    word += c == '\'' ? "'\\''" : std::string(1, c);
+  }
+  return word + "'";
 }
 
 // A part of the address of a Dovecot dictionary, whose parts are separated by colons.
@@ -76,9 +90,13 @@ std::string UsageStore(const Configuration::Usage& usage) {
   return address;
 }
 
-// Percent signs begin variables.
+// Percent signs begin variables, in what the query answers, too.
 constexpr char kUserQuery[] = R"(SELECT home, uid, gid, 'maildir:' || home AS mail, \
-  '*:bytes=' || CASE WHEN length(quota_limit) <= {} THEN quota_limit ELSE '0' END AS quota_rule \
+  '*:bytes=' || CASE WHEN length(quota_limit) <= {digits} THEN quota_limit ELSE '0' END AS quota_rule, \
+  CASE WHEN length(quota_warning) <= {digits} THEN 'bytes=' || quota_warning || \
+    ' quota-warning ' || quota_warning || ' ' || \
+    CASE WHEN length(quota_limit) <= {digits} THEN quota_limit ELSE '0' END || ' ' || \
+    replace('%u', '%%', '%%%%') END AS quota_warning \
   FROM mail_user_quota WHERE name = '%u')";
 
 std::string Heading(const std::string& source) {
@@ -100,35 +118,44 @@ std::string SqlSettings(const Configuration::Quota& quota, const std::string& so
       "user_query = {}\n"
       "iterate_query = SELECT name AS user FROM mail_user\n",
       Heading(source), is_sqlite ? "sqlite" : "pgsql",
-      is_sqlite ? store.substr(kSqliteScheme.size()) : store, fmt::format(kUserQuery, kMostDigits));
+      is_sqlite ? store.substr(kSqliteScheme.size()) : store,
+      fmt::format(kUserQuery, fmt::arg("digits", kMostDigits)));
 }
 
-// The group that may make mail directories; nothing when none may. Every user's mail is read with
-// it, so it must not be root's, nor let one user's processes take another one's directory away.
-std::optional<gid_t> GroupOfMailFolder(const Configuration::Maildir& maildir) {
+// The group that may make mail directories; nothing when none with a name may. Every user's mail is
+// read with it, so it must not be root's, nor let one user's processes take another one's directory
+// away.
+std::optional<std::string> GroupOfMailFolder(const Configuration::Maildir& maildir) {
   const std::string folder = maildir.root + "/" + maildir.domain;
   struct stat status {};
   if (::stat(folder.c_str(), &status) != 0) {
     throw std::system_error(errno, std::generic_category(), folder);
   }
   const bool may_make = (status.st_mode & S_IWGRP) != 0 && (status.st_mode & S_ISVTX) != 0;
-  return may_make && status.st_gid != 0 ? std::optional(status.st_gid) : std::nullopt;
+  const ::group* group = may_make && status.st_gid != 0 ? ::getgrgid(status.st_gid) : nullptr;
+  return group != nullptr ? std::optional<std::string>(group->gr_name) : std::nullopt;
 }
 
-std::string MailAccess(const Configuration::Maildir& maildir) {
-  const auto group = GroupOfMailFolder(maildir);
+std::string MailAccess(const std::optional<std::string>& group,
+                       const Configuration::Maildir& maildir) {
   return group ? fmt::format("mail_access_groups = {}\n", *group)
                : fmt::format(
                      "# {0}/{1} has no group of its own that may write to it, with the sticky bit "
                      "set:\n"
-                     "# mail for a user without a mail directory fails. Give it one (chgrp GROUP, "
-                     "chmod "
-                     "1771), and\n# make this file anew.\n",
+                     "# mail for a user without a mail directory fails, and nobody is warned. Give "
+                     "it one\n"
+                     "# (chgrp GROUP, chmod 1771), and make this file anew.\n",
                      maildir.root, maildir.domain);
 }
 
+// Who may have a user warned: the mail processes, and nobody else.
+std::string WarningListener(const std::optional<std::string>& group) {
+  return group ? fmt::format("group = {}\n    mode = 0660", *group) : "mode = 0600";
+}
+
 std::string MailSettings(const Configuration& configuration, const std::string& source,
-                         const std::string& sql_file) {
+                         const std::string& sql_file, const std::string& warning_script) {
+  const auto group = GroupOfMailFolder(configuration.maildir);
   return fmt::format(
       R"({heading}
 # Names are those of the accounts as they are, with capitals, signs and a plus.
@@ -152,24 +179,61 @@ protocol imap {{
   mail_plugins = $mail_plugins imap_quota
 }}
 plugin {{
-  quota = maildir:User quota
+  quota = {quota}
   quota_grace = 0
   quota_clone_dict = {usage}
+}}
+
+# Leaves a message in the mailbox of a user who gets beyond the warning level.
+service quota-warning {{
+  executable = script {script}
+  unix_listener quota-warning {{
+    {listener}
+  }}
 }}
 )",
       fmt::arg("heading", Heading(source)), fmt::arg("sql", Value(sql_file)),
       fmt::arg("min_uid", configuration.accounts.min_uid),
-      fmt::arg("max_uid", configuration.accounts.max_uid),
-      fmt::arg("access", MailAccess(configuration.maildir)),
-      fmt::arg("usage", Value(UsageStore(configuration.usage))));
+      fmt::arg("max_uid", configuration.accounts.max_uid), fmt::arg("quota", kQuota),
+      fmt::arg("usage", Value(UsageStore(configuration.usage))), fmt::arg("script", warning_script),
+      fmt::arg("access", MailAccess(group, configuration.maildir)),
+      fmt::arg("listener", WarningListener(group)));
+}
+
+std::string WarningScript(const std::string& source, const std::string& folder) {
+  return fmt::format(
+      R"(#!/bin/sh
+{heading}
+# Dovecot runs this as root when the mail of a user has grown beyond the warning level:
+#   quillon-quota-warning LEVEL LIMIT USER
+# with sizes in bytes, and a limit of 0 where there is none. The message may exceed the limit.
+set -e
+export PATH=/usr/local/bin:/usr/bin:/bin # there is none
+level=$1 limit=$2
+shift 2
+message=$({quillonctl} --config {source} quota warning --level "$level" --limit "$limit" -- "$*")
+printf '%s\n' "$message" |
+  doveadm -c {dovecot} -o 'plugin/quota={quota}:noenforcing' save -u "$*"
+)",
+      fmt::arg("heading", Heading(source)),
+      fmt::arg("quillonctl", Quoted(std::filesystem::read_symlink("/proc/self/exe"))),
+      fmt::arg("source", Quoted(std::filesystem::absolute(source))),
+      fmt::arg("dovecot", Quoted(folder + "/dovecot.conf")), fmt::arg("quota", kQuota));
 }
 
 }  // namespace
 
 std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
                                           const std::string& source, const std::string& folder) {
+  if (folder.find_first_of(" \t\n") != std::string::npos) {
+    throw CannotBeExported(folder +
+                           ": Dovecot runs no script in a folder with a space in its name");
+  }
   const std::string sql_file = folder + "/quillon-sql.conf.ext";
+  const std::string script = folder + "/quillon-quota-warning";
   // The store's password is in the second one.
-  return {{folder + "/conf.d/90-quillon.conf", MailSettings(configuration, source, sql_file), 0644},
-          {sql_file, SqlSettings(configuration.quota, source), 0600}};
+  return {{folder + "/conf.d/90-quillon.conf",
+           MailSettings(configuration, source, sql_file, script), 0644},
+          {sql_file, SqlSettings(configuration.quota, source), 0600},
+          {script, WarningScript(source, folder), 0755}};
 }

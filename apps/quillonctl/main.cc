@@ -22,11 +22,12 @@
 #include "no_owner_commands.h"
 #include "output.h"
 #include "privilege_commands.h"
+#include "quota_store_commands.h"
 #include "remote.h"
-#include "sync_command.h"
 #include "token_command.h"
 #include "usage_commands.h"
 #include "user_commands.h"
+#include "warning_command.h"
 
 namespace {
 
@@ -86,6 +87,9 @@ void CheckRemote(const CLI::App& app, const RemoteOptions& remote) {
   if (app.got_subcommand(kExport) && remote.IsAny()) {
     throw CLI::ValidationError("--host", "settings are those of the host itself");
   }
+  if (app.get_subcommand(kQuota)->got_subcommand(kWarning) && remote.IsAny()) {
+    throw CLI::ValidationError("--host", "the message is for a mailbox of this host");
+  }
   if (!names_its_hosts && remote.IsAny() && !remote.host) {
     throw CLI::RequiredError("--host");
   }
@@ -113,7 +117,7 @@ int Execute(int argc, char** argv) {
   AddGroupCommands(app, command);
   AddPrivilegeCommands(app, command);
   AddUsageCommands(app, command);
-  AddSyncCommand(app, command);
+  AddQuotaStoreCommands(app, command);
   AddExportCommands(app, *configuration, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);

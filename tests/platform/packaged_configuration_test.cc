@@ -24,8 +24,8 @@ auto Members(const Configuration::Maildir& table) {
   return std::make_tuple(a, b, c);
 }
 auto Members(const Configuration::Quota& table) {
-  const auto& [a, b] = table;
-  return std::make_tuple(a, b);
+  const auto& [a, b, c] = table;
+  return std::make_tuple(a, b, c);
 }
 auto Members(const Configuration::Usage& table) {
   const auto& [a, b, c, d, e, f, g, h, i, j, k] = table;

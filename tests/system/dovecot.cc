@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -108,9 +109,9 @@ Conversation LogIn(int port, const std::string& user) {
 }  // namespace
 
 Dovecot::Dovecot(const std::string& settings)
-    : configuration_(folder_ / "dovecot.conf"), imap_port_(FreePort()) {
+    : configuration_(settings + "/dovecot.conf"), imap_port_(FreePort()) {
   std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
-  folder_.Write("dovecot.conf", fmt::format(R"(base_dir = {0}/run
+  std::ofstream(configuration_) << fmt::format(R"(base_dir = {0}/run
 log_path = {0}/log
 protocols = lmtp imap
 ssl = no
@@ -130,7 +131,7 @@ service imap-login {{
 }}
 !include {2}/conf.d/90-quillon.conf
 )",
-                                            folder_.path().string(), imap_port_, settings));
+                                               folder_.path().string(), imap_port_, settings);
   program_ = std::make_unique<BackgroundProgram>(
       std::vector<std::string>{"/usr/sbin/dovecot", "-F", "-c", configuration_},
       folder_ / "output");

@@ -25,6 +25,15 @@ namespace fs = std::filesystem;
 
 constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
 
+template <typename Condition>
+bool Becomes(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return condition();
+}
+
 class DovecotTest : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
@@ -83,6 +92,27 @@ class DovecotTest : public testing::TestWithParam<const char*> {
     return std::to_string(bytes);
   }
 
+  // Whether the report soon has what is on the disk: the process that changed it goes on for a
+  // moment after its client has left.
+  bool BecomesRight(const std::string& user) const {
+    return Becomes([&] { return Usage(user) == Counted(user); });
+  }
+
+  // Whether the user gets a message with such a line in it.
+  bool Gets(const std::string& user, const std::string& line) const {
+    return Becomes([&] { return MessagesWith(user, line) != 0; });
+  }
+
+  int MessagesWith(const std::string& user, const std::string& line) const {
+    const fs::path folder = fs::relative(world_.Maildir(user), world_.folder().path()) / "new";
+    int count = 0;
+    for (const auto& file : fs::directory_iterator(world_.folder() / folder.string())) {
+      const std::string message = world_.folder().Read((folder / file.path().filename()).string());
+      count += message.find("\n" + line + "\n") != std::string::npos ? 1 : 0;
+    }
+    return count;
+  }
+
   World world_;
   std::unique_ptr<QuotaWorld> store_;
   std::unique_ptr<Dovecot> dovecot_;
@@ -131,17 +161,41 @@ TEST_P(DovecotTest, FollowsTheAccounts) {
   EXPECT_EQ(Usage("dora"), Counted("dora"));
 }
 
+TEST_P(DovecotTest, WarnsAUserOnceWhoGetsBeyondTheLevel) {
+  constexpr char kLine[] = "There are more than 5K of mail in the mailbox of alice now.";
+  Do({"user", "set-quota", "--limit", "10K", "--warning", "5K", "alice"});
+  Start();
+  EXPECT_THAT(Deliver("alice", 4000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("alice", 2000), StartsWith("250 2.0.0"));
+  EXPECT_TRUE(Gets("alice", kLine)) << dovecot_->Log();
+  EXPECT_TRUE(Gets("alice", "New mail is refused when there are 10K."));
+  EXPECT_THAT(Deliver("alice", 500), StartsWith("250 2.0.0"));
+  EXPECT_EQ(Usage("alice"), Counted("alice"));
+  EXPECT_THAT(
+      world_.folder().Read("mail.log"),
+      HasSubstr("warning: apps/quillonctl/warning:41 the mail of alice has grown beyond the "
+                "warning level of 5120 bytes\n"));
+  dovecot_.reset();  // and with it all that it has begun
+  EXPECT_EQ(MessagesWith("alice", kLine), 1);
+}
+
+TEST_P(DovecotTest, WarnsEvenWhereTheWarningExceedsTheLimit) {
+  const std::string user = "50%u'x'+\"y\"";
+  world_.AddAccount(user, 1005);
+  Do({"user", "set-quota", "--limit", "5K", "--warning", "4K", user});
+  Start();
+  EXPECT_THAT(dovecot_->Append(user, 4900), StartsWith("c OK"));
+  EXPECT_TRUE(Gets(user, "There are more than 4K of mail in the mailbox of " + user + " now."))
+      << dovecot_->Log();
+  EXPECT_TRUE(BecomesRight(user));
+}
+
 TEST_P(DovecotTest, LowersTheFigureWhenMailIsRemoved) {
   Start();
   EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));
   EXPECT_THAT(Deliver("alice", 3000), StartsWith("250 2.0.0"));
   dovecot_->RemoveFirstMessage("alice");
-  // The server that does so goes on for a moment after the client has left.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (Usage("alice") != Counted("alice") && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  EXPECT_EQ(Usage("alice"), Counted("alice"));
+  EXPECT_TRUE(BecomesRight("alice"));
   EXPECT_NE(Counted("alice"), "0");
 }
 
@@ -181,6 +235,24 @@ TEST_P(DovecotTest, MayGoOnWhileItsFiguresAreCountedAnew) {
   for (const char* user : {"alice", "bob"}) {
     EXPECT_EQ(Usage(user), Counted(user)) << user;
   }
+}
+
+TEST_P(DovecotTest, TakesMailFromTwoClientsAtOnce) {
+  Start();
+  {
+    std::vector<std::jthread> clients;
+    for (int i = 0; i < 2; ++i) {
+      clients.emplace_back([this] {
+        for (int message = 0; message < 20; ++message) {
+          EXPECT_THAT(Deliver("alice", 500), StartsWith("250 2.0.0"));
+        }
+      });
+    }
+  }
+  // Of two who write at once, the one with the older figure may be the last.
+  EXPECT_THAT(Deliver("alice", 500), StartsWith("250 2.0.0"));
+  EXPECT_EQ(MessagesWith("alice", "Subject: test"), 41);
+  EXPECT_EQ(Usage("alice"), Counted("alice"));
 }
 
 TEST_P(DovecotTest, FollowsARenamedAccountAndForgetsADeletedOne) {

@@ -18,6 +18,8 @@ using testing::Not;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
+constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
+
 class ExportTest : public testing::Test {
  protected:
   ExportTest() { fs::create_directories(world_.folder() / "spool/local"); }
@@ -56,13 +58,16 @@ TEST_F(ExportTest, WritesIntoAFolder) {
   const std::string folder = world_.folder() / "dovecot";
   const Outcome outcome = world_.Quillonctl({"export", "dovecot", "--output", folder});
   EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
-  EXPECT_EQ(outcome.output,
-            fmt::format("{0}/conf.d/90-quillon.conf\n{0}/quillon-sql.conf.ext\n", folder));
+  EXPECT_EQ(outcome.output, fmt::format("{0}/conf.d/90-quillon.conf\n{0}/quillon-sql.conf.ext\n"
+                                        "{0}/quillon-quota-warning\n",
+                                        folder));
   EXPECT_THAT(world_.folder().Read("dovecot/conf.d/90-quillon.conf"),
               HasSubstr("args = \"" + folder + "/quillon-sql.conf.ext\""));
   struct stat status {};
   ASSERT_EQ(::stat((folder + "/quillon-sql.conf.ext").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);  // it may hold a password
+  ASSERT_EQ(::stat((folder + "/quillon-quota-warning").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0755U);
 }
 
 TEST_F(ExportTest, HasTheStoreInPostgresql) {
@@ -78,21 +83,32 @@ TEST_F(ExportTest, HasTheGroupThatMayMakeMailDirectories) {
     gid_t group;
     mode_t mode;
   };
-  // Nobody's, without the sticky bit, and root's.
-  for (const auto& [group, mode] : {Case{12345, 0755}, Case{12345, 0771}, Case{0, 01771}}) {
+  // Nobody's, without the sticky bit, root's, and without a name.
+  for (const auto& [group, mode] :
+       {Case{kMailGroup, 0755}, Case{kMailGroup, 0771}, Case{0, 01771}, Case{123456, 01771}}) {
     ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), group), 0);
     ASSERT_EQ(::chmod(folder.c_str(), mode), 0);
-    EXPECT_THAT(Export().output, AllOf(HasSubstr("# " + folder + " has no group of its own"),
-                                       Not(HasSubstr("mail_access_groups ="))));
+    EXPECT_THAT(Export().output,
+                AllOf(HasSubstr("# " + folder + " has no group of its own"),
+                      HasSubstr("    mode = 0600\n"), Not(HasSubstr("mail_access_groups ="))));
   }
-  ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), 12345), 0);
-  EXPECT_THAT(Export().output, HasSubstr("\nmail_access_groups = 12345\n"));
+  ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), kMailGroup), 0);
+  EXPECT_THAT(Export().output, AllOf(HasSubstr("\nmail_access_groups = mail\n"),
+                                     HasSubstr("    group = mail\n    mode = 0660\n")));
 }
 
 TEST_F(ExportTest, QuotesWhatDovecotWouldTakeForItsOwn) {
   SetUsage("socket = \"/run/a \\\"b\\\" #%u.sock\"");
   EXPECT_THAT(Export().output,
               HasSubstr(R"(quota_clone_dict = "redis:path=/run/a \"b\" #%%u.sock")"));
+}
+
+TEST_F(ExportTest, RefusesAFolderInWhichDovecotRunsNothing) {
+  const Outcome outcome =
+      world_.Quillonctl({"export", "dovecot", "--output", world_.folder() / "a b"});
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(outcome.error, HasSubstr("a b: Dovecot runs no script in a folder with a space"));
+  EXPECT_FALSE(fs::exists(world_.folder() / "a b"));
 }
 
 TEST_F(ExportTest, RefusesWhatDovecotHasNoSettingFor) {

@@ -46,6 +46,8 @@ struct Configuration {
     /// Seconds to wait for a locked database or for a connection, 1 to 3600. PostgreSQL has 10
     /// times as long for each statement.
     int busy_timeout = 5;
+    /// A file with the message for a user beyond the warning level; empty: our own.
+    std::string warning_message;
   } quota;
 
   /// The usage store.

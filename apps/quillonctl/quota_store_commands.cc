@@ -1,4 +1,4 @@
-#include "sync_command.h"
+#include "quota_store_commands.h"
 
 #include <memory>
 
@@ -7,6 +7,7 @@
 
 #include "api_call.h"
 #include "output.h"
+#include "warning_command.h"
 
 namespace {
 
@@ -30,18 +31,22 @@ int Sync(const SyncOptions& options) {
   return kDone;
 }
 
-}  // namespace
-
-void AddSyncCommand(CLI::App& app, Command& command) {
-  CLI::App* quota = app.add_subcommand("quota", "What the mail server reads from the quota store");
-  quota->require_subcommand(0, 1);
-  quota->footer("Example: quillonctl quota sync");
-
+void AddSync(CLI::App& group, Command& command) {
   const auto options = std::make_shared<SyncOptions>();
-  CLI::App* sync = quota->add_subcommand(
+  CLI::App* sync = group.add_subcommand(
       "sync", "Have the mail server know the mail users and their groups as they are now");
   sync->add_flag("--dry-run", options->is_dry_run, "only say what would change");
   sync->add_flag("--json", options->as_json, "print JSON");
   sync->footer("Example: quillonctl quota sync --dry-run");
   sync->callback([options, &command] { command = [options] { return Sync(*options); }; });
+}
+
+}  // namespace
+
+void AddQuotaStoreCommands(CLI::App& app, Command& command) {
+  CLI::App* group = app.add_subcommand(kQuota, "What the mail server makes of the quota store");
+  group->require_subcommand(0, 1);
+  group->footer("Example: quillonctl quota sync");
+  AddSync(*group, command);
+  AddWarningCommand(*group, command);
 }
