@@ -22,19 +22,25 @@ constexpr std::string_view kSqliteScheme = "sqlite://";
 constexpr char kQuota[] = "maildir:User quota";
 
 // Limits from here on are none: Dovecot's numbers end at 2^63, and no disk has as much.
-constexpr int kMostDigits = 18;
+constexpr std::size_t kMostDigits = 18;
 
-// A value in Dovecot's configuration, where a percent sign begins a variable.
+// In Dovecot's configuration, a percent sign begins a variable.
+std::string WithoutVariables(std::string_view text) {
+  std::string plain;
+  for (const char c : text) {
+    plain += c == '%' ? "%%" : std::string(1, c);
+  }
+  return plain;
+}
+
+// A value in Dovecot's configuration.
 std::string Value(std::string_view text) {
   std::string value = "\"";
-  for (const char c : text) {
+  for (const char c : WithoutVariables(text)) {
     if (c == '"' || c == '\\') {
       value += '\\';
     }
     value += c;
-    if (c == '%') {
-      value += c;
-    }
   }
   return value + "\"";
 }
@@ -222,6 +228,22 @@ printf '%s\n' "$message" |
 }
 
 }  // namespace
+
+std::vector<DovecotValue> DovecotNameValues() {
+  return {{"auth_username_format", "%u"}, {"auth_username_chars", ""}, {"recipient_delimiter", ""}};
+}
+
+std::vector<DovecotValue> DovecotQuotaValues() {
+  return {{"plugin/quota", kQuota}, {"plugin/quota_grace", "0"}};
+}
+
+DovecotValue DovecotUsageValue(const Configuration::Usage& usage) {
+  return {"plugin/quota_clone_dict", WithoutVariables(UsageStore(usage))};
+}
+
+std::string DovecotQuotaRule(const std::string& limit) {
+  return "*:bytes=" + (limit.empty() || limit.size() > kMostDigits ? "0" : limit);
+}
 
 std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
                                           const std::string& source, const std::string& folder) {

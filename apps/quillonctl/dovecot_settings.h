@@ -21,6 +21,21 @@ class CannotBeExported : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// A setting as Dovecot itself shows it.
+struct DovecotValue {
+  std::string key;
+  std::string value;
+};
+
+/// How Dovecot takes the names of users.
+std::vector<DovecotValue> DovecotNameValues();
+/// How it holds limits.
+std::vector<DovecotValue> DovecotQuotaValues();
+/// Where it keeps the figures. Throws `CannotBeExported`.
+DovecotValue DovecotUsageValue(const quillon::platform::Configuration::Usage& usage);
+/// What it holds a user to, by the limit in bytes in decimal digits, empty for none.
+std::string DovecotQuotaRule(const std::string& limit);
+
 /// Settings that have Dovecot 2.3 find the mail users and their limits in the quota store, refuse
 /// mail beyond the limits, and keep the figures in the usage store. `source` is the file of our
 /// settings, for the reader, and `folder` that of Dovecot's. Throws `CannotBeExported`, and

@@ -9,6 +9,7 @@
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/replace_file.h>
 
+#include "configuration_file.h"
 #include "dovecot_settings.h"
 #include "output.h"
 
@@ -55,9 +56,7 @@ void AddExportCommands(CLI::App& app, const CLI::Option& configuration, Command&
   dovecot->footer("Example: quillonctl export dovecot --output /etc/dovecot");
   dovecot->callback([options, &configuration, &command] {
     command = [options, &configuration] {
-      return ExportDovecot(*options, configuration.count() != 0
-                                         ? configuration.as<std::string>()
-                                         : quillon::platform::kDefaultConfigurationFile);
+      return ExportDovecot(*options, ConfigurationFile(configuration));
     };
   });
 }

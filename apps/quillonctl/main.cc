@@ -16,6 +16,7 @@
 #include "account_commands.h"
 #include "api_call.h"
 #include "command.h"
+#include "doctor/doctor_command.h"
 #include "export_command.h"
 #include "group_commands.h"
 #include "host_commands.h"
@@ -84,7 +85,7 @@ void CheckRemote(const CLI::App& app, const RemoteOptions& remote) {
   if (app.got_subcommand(kAccountCommands) && remote.IsAny()) {
     throw CLI::ValidationError("--host", "the accounts of a host are kept on the host itself");
   }
-  if (app.got_subcommand(kExport) && remote.IsAny()) {
+  if ((app.got_subcommand(kExport) || app.got_subcommand(kDoctor)) && remote.IsAny()) {
     throw CLI::ValidationError("--host", "settings are those of the host itself");
   }
   if (app.get_subcommand(kQuota)->got_subcommand(kWarning) && remote.IsAny()) {
@@ -119,6 +120,7 @@ int Execute(int argc, char** argv) {
   AddUsageCommands(app, command);
   AddQuotaStoreCommands(app, command);
   AddExportCommands(app, *configuration, command);
+  AddDoctorCommand(app, *configuration, command);
   AddNoOwnerCommands(app, command);
   AddAccountCommands(app, command);
   AddHostCommands(app, remote, command);

@@ -71,7 +71,7 @@ void RedisRelay::Serve(int client) const {
     std::array<pollfd, 2> peers = {pollfd{client, POLLIN, 0}, pollfd{server, POLLIN, 0}};
     ::poll(peers.data(), peers.size(), -1);
     if (peers[0].revents != 0) {
-      const auto piece = Read(client);
+      auto piece = Read(client);
       if (piece) {
         act_(*piece);
       }

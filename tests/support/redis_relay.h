@@ -13,9 +13,9 @@ namespace quillon::test {
 /// between two requests of a client's.
 class RedisRelay {
  public:
-  /// Gets what a client has sent, in pieces as they come, before the server does. Runs in a thread
-  /// of the relay's; nobody else sends meanwhile.
-  using Act = std::function<void(const std::string& piece)>;
+  /// Gets what a client has sent, in pieces as they come, before the server does, and may change
+  /// it. Runs in a thread of the relay's; nobody else sends meanwhile.
+  using Act = std::function<void(std::string& piece)>;
 
   /// `server` is a unix socket.
   RedisRelay(std::string server, Act act);

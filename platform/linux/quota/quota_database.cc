@@ -31,6 +31,8 @@ constexpr int kNotClearedLine = 59;
 constexpr int kNotListedLine = 72;
 constexpr int kInvalidValueLine = 85;
 constexpr int kNotUpdatedLine = 98;
+constexpr int kUsersNotListedLine = 106;
+constexpr int kNotWritableLine = 113;
 
 using Ids = std::vector<std::uint32_t>;
 
@@ -207,6 +209,35 @@ MailUserChanges QuotaDatabase::UpdateMailUsers(const std::function<std::vector<M
       transaction.Commit();
     }
     return update.changes();
+  });
+}
+
+std::vector<StoredMailUser> QuotaDatabase::ListMailUsers() {
+  return Run({ERR_DB_SELECT, "list", kMailUserQuotaView, kUsersNotListedLine}, [&] {
+    StoredMailUser user{};
+    long long uid = 0;
+    long long gid = 0;
+    soci::statement rows =
+        (session_->prepare << fmt::format("SELECT name, uid, gid, home, coalesce(quota_limit, ''),"
+                                          " coalesce(quota_warning, '') FROM {} ORDER BY uid",
+                                          kMailUserQuotaView),
+         soci::into(user.name), soci::into(uid), soci::into(gid), soci::into(user.home),
+         soci::into(user.limit), soci::into(user.warning));
+    std::vector<StoredMailUser> users;
+    rows.execute();
+    while (rows.fetch()) {
+      user.uid = static_cast<std::uint32_t>(uid);
+      user.gid = static_cast<std::uint32_t>(gid);
+      users.push_back(user);
+    }
+    return users;
+  });
+}
+
+void QuotaDatabase::RequireWritable() {
+  Run({ERR_DB_REPLACE, "write", kSchemaTable, kNotWritableLine}, [&] {
+    const DatabaseTransaction transaction(*session_, dialect_->sql().begin);
+    *session_ << fmt::format("UPDATE {0} SET version = version", kSchemaTable);
   });
 }
 

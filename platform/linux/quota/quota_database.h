@@ -11,6 +11,7 @@
 #include <soci/soci.h>
 
 #include <quillon/platform/mail_users.h>
+#include <quillon/platform/store_check.h>
 
 #include "quota/mail_user_table.h"
 #include "quota/quota_dialect.h"
@@ -44,6 +45,11 @@ class QuotaDatabase {
   /// change. Other writers wait meanwhile, so that of two at once the later list is what remains.
   MailUserChanges UpdateMailUsers(const std::function<std::vector<MailUser>()>& list,
                                   bool is_dry_run);
+  /// In ascending order of uids, with their effective limits.
+  std::vector<StoredMailUser> ListMailUsers();
+
+  /// Writes, and takes it back.
+  void RequireWritable();
 
  private:
   struct Task;

@@ -20,6 +20,10 @@ inline constexpr char kGroupWarningTable[] = "group_warning";
 /// for none. Mail servers read that, so it is never changed, only followed by another one.
 inline constexpr char kMailUserTable[] = "mail_user";
 inline constexpr char kMailUserGroupTable[] = "mail_user_group";
+inline constexpr char kMailUserQuotaView[] = "mail_user_quota";
+
+/// Its only row has the number of migrations that the store has been through.
+inline constexpr char kSchemaTable[] = "quota_schema";
 
 /// Brings the store to the newest schema; several programs may do so at the same time. Throws
 /// `LogException`: `ERR_BAD_DB_SESSION` for a store that cannot be read, `ERR_DB_CREATE` and
