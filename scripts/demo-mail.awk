@@ -1,7 +1,8 @@
 # Writes mailboxes of generated messages as maildirs.
-#   awk -v root=FOLDER -v now=EPOCH -f demo-mail.awk ACCOUNTS
+#   awk -v root=FOLDER -v now=EPOCH [-v is_on_its_way=1] -f demo-mail.awk ACCOUNTS
 # ACCOUNTS is a file in passwd format; the mail of each of its users goes to FOLDER/NAME, whose folders
-# exist already. The same accounts give the same messages.
+# exist already. Mail on its way is a file for each message, which a mail server has yet to put there. The
+# same accounts give the same messages.
 
 function pick(list) { return list[1 + int(rand() * list[0])] }
 
@@ -34,7 +35,7 @@ function attachment(lines,    text, i) {
 function message(to, when, number,    from, text, boundary, i) {
   from = pick(people)
   while (from == to) from = pick(people)
-  text = "Return-Path: <" address(from) ">\r\n" \
+  text = (is_on_its_way ? "" : "Return-Path: <" address(from) ">\r\n") \
     "Date: " strftime("%a, %d %b %Y %H:%M:%S +0000", when, 1) "\r\n" \
     "From: " address(from) "\r\n" \
     "To: " address(to) "\r\n" \
@@ -65,7 +66,9 @@ function deliver(name, folder, number,    when, text, is_read, path) {
   when = now - int(rand() * 200) * 86400 - int(rand() * 86400)
   text = message(name, when, number)
   is_read = rand() < 0.8
-  path = root "/" name "/" folder (is_read ? "cur/" : "new/") when ".M" (100000 + number) "P1.demo,S=" \
+  path = root "/" name "/"
+  if (is_on_its_way) path = path (100000 + number) ".eml"
+  else path = path folder (is_read ? "cur/" : "new/") when ".M" (100000 + number) "P1.demo,S=" \
     length(text) (is_read ? ":2,S" : "")
   printf "%s", text > path
   close(path)
