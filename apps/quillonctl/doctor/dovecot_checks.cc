@@ -204,7 +204,7 @@ std::string Dovecot::CheckUserdb() const {
   const CommandOutput output = RunCommand({"doveadm", "-c", File(), "user", user.name});
   if (!output.is_success) {
     const bool is_asked = output.text.find("connect(") == std::string::npos;
-    throw Problem(output.text,
+    throw Problem(output.text.substr(0, output.text.find('\n')),
                   is_asked
                       ? "quillonctl quota sync; if that does not do, Dovecot's own log (doveadm "
                         "log find) tells why the quota store was not read: the package "
@@ -269,8 +269,7 @@ std::string Dovecot::CheckMaildirs() const {
     }
     ++count;
   }
-  return fmt::format("{} belong to their users",
-                     Count(count, "mail directory", "mail directories"));
+  return Count(count, "mail directory", "mail directories") + ", of the right owner";
 }
 
 std::string Dovecot::CheckWatch() const {
