@@ -243,6 +243,15 @@ void Host::ReadQuotas(State& state) const {
       }
     }
   }
+  for (const char* statement :
+       {"SELECT name, id || ' ' || gid || ' ' || home FROM mail_user ORDER BY id",
+        "SELECT CAST(id AS TEXT), gid FROM mail_user_group ORDER BY id, gid"}) {
+    if (HasTable(session, "mail_user_group")) {
+      for (const auto& [key, row] : Rows(session, statement)) {
+        state["mail users"] += key + " " + row + "\n";
+      }
+    }
+  }
 }
 
 void Host::ReadCache(State& state) const {

@@ -18,8 +18,9 @@ namespace quillon::test {
 
 /// Everything that the stores of a host hold, in units each of which changes as a whole or not at
 /// all: "user_limit of 2" are the limits of the users in the import's third group, "usage"
-/// all figures in the usage store, "cached PATH" the figure of an ownerless directory, "mail
-/// ACCOUNT" a mail directory, "privileges", "web accounts" and "trusted hosts" one file each.
+/// all figures in the usage store, "mail users" what a mail server reads of all accounts, "cached
+/// PATH" the figure of an ownerless directory, "mail ACCOUNT" a mail directory, "privileges", "web
+/// accounts" and "trusted hosts" one file each.
 using State = std::map<std::string, std::string>;
 
 /// The mail directories of a host: everything about them, by path below the maildir root.

@@ -40,6 +40,16 @@ void HaveQuotas(Host& host) {
   MustSucceed(host, With({"user", "set-quota", "--limit", "2K", "--warning", "1K"}, host.Users()));
 }
 
+// Of whom one is new, one has another group, and one is gone.
+void HaveOldMailUsers(Host& host) {
+  host.world().AddAccount("frank", 1004);
+  MustSucceed(host, {"quota", "sync"});
+  const std::string passwd = host.world().folder().Read("passwd");
+  host.world().folder().Write("passwd", passwd.substr(0, passwd.find("frank:")));
+  host.world().AddAccount("grace", 1005);
+  host.world().AddGroup("readers", 300, {"user03"});
+}
+
 void HaveCache(Host& host) { MustSucceed(host, {"no-owner", "refresh", "--wait"}); }
 
 void HaveWebAccount(Host& host) {
@@ -74,6 +84,7 @@ std::vector<Operation> MainOperations() {
              host.QuotaFile();
            },
        .is_one_batch = false},
+      {.name = "SyncMailUsers", .arguments = Always({"quota", "sync"}), .before = HaveOldMailUsers},
       {.name = "CountUsage", .arguments = Always({"usage", "count"})},
       {.name = "RefreshOwnerless",
        .arguments = Always({"no-owner", "refresh"}),
@@ -92,6 +103,7 @@ std::vector<Operation> Operations() {
   std::vector<Operation> operations = MainOperations();
   const std::vector<Operation> others = {
       {.name = "SetQuotaInNewStore", .arguments = SetQuota},
+      {.name = "SyncMailUsersOfNewStore", .arguments = Always({"quota", "sync"})},
       {.name = "ClearQuota",
        .arguments =
            [](Host& host) {

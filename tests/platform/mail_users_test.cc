@@ -15,6 +15,7 @@
 
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/mail_users.h>
+#include <quillon/platform/store_check.h>
 #include <velamailserver/account/effective_limit.h>
 #include <velamailserver/account/mailbox_quota.h>
 #include <velamailserver/log_exception.h>
@@ -331,6 +332,41 @@ TEST_P(MailUsers, ComeToAStoreOfTheVersionBefore) {
   }
   EXPECT_EQ(Sync(), "+2 ~0 -0 =0");
   EXPECT_THAT(Quotas(), ElementsAre("ann 70001 100 5 -", "bob 70002 100 - -"));
+}
+
+TEST_P(MailUsers, AreListedAsAMailServerHasThem) {
+  EXPECT_THAT(StoredMailUsers(), testing::IsEmpty());
+  Sync();
+  MailboxQuota().SetGroupQuotaLimit({VelaGroup("staff")}, 18446744073709551615U);
+  MailboxQuota().SetUserQuotaLimit({VelaUser("bob")}, 0);
+  MailboxQuota().SetUserQuotaWarning({VelaUser("ann")}, 5);
+  const auto users = StoredMailUsers();
+  ASSERT_EQ(users.size(), 2U);
+  EXPECT_EQ(users[0].name, "ann");
+  EXPECT_EQ(users[0].uid, 70001U);
+  EXPECT_EQ(users[0].gid, 100U);
+  EXPECT_EQ(users[0].home, folder_ / "spool/local/ann");
+  EXPECT_EQ(users[0].limit, "18446744073709551615");
+  EXPECT_EQ(users[0].warning, "5");
+  EXPECT_EQ(users[1].name, "bob");
+  EXPECT_EQ(users[1].limit, "");
+  EXPECT_EQ(users[1].warning, "");
+}
+
+TEST_P(MailUsers, MayBeCheckedWithoutAChange) {
+  Sync();
+  const auto session = world_->Connect();
+  for (const std::string& statement : world_->CountWrites({"quota_schema"})) {
+    *session << statement;
+  }
+  CheckQuotaStore();
+  EXPECT_EQ(Writes(), 0);  // taken back, and what was counted with it
+  *session << (std::string(GetParam()) == "Sqlite"
+                   ? "CREATE TRIGGER refusal BEFORE UPDATE ON quota_schema"
+                     " BEGIN SELECT RAISE(FAIL, 'no such luck'); END"
+                   : "DO $$ BEGIN EXECUTE 'ALTER DATABASE ' || current_database() ||"
+                     " ' SET default_transaction_read_only = on'; END $$");
+  EXPECT_THROW(CheckQuotaStore(), LogException);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -11,6 +12,7 @@
 
 #include <quillon/backend/quota_redis_client.h>
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/store_check.h>
 
 #include "scripted_redis.h"
 #include "store_usage.h"
@@ -158,6 +160,13 @@ TEST_F(ShardedUsageStore, SaysThatTheProxyHasNoPassword) {
   platform::UseConfiguration(configuration_);
   EXPECT_EQ(Failure([this] { client_.ListUsage({"alice"}); }),
             "usage store " + proxy_.socket() + ": the server refuses the password (ERR)");
+}
+
+TEST_F(ShardedUsageStore, MayBeCheckedAndTellsNoTime) {
+  EXPECT_EQ(platform::CheckUsageStore(), std::nullopt);
+  second_.Stop();
+  first_.Stop();
+  EXPECT_THROW(platform::CheckUsageStore(), velamailserver::LogException);
 }
 
 }  // namespace

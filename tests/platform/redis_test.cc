@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -21,10 +22,12 @@
 
 #include <quillon/backend/quota_redis_client.h>
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/store_check.h>
 
 #include "backend/redis_connection.h"
 #include "scripted_redis.h"
 #include "store_usage.h"
+#include "support/redis_relay.h"
 #include "support/redis_server.h"
 #include "support/temporary_folder.h"
 
@@ -261,6 +264,27 @@ class RunningUsageStore : public UsageStore {
 
   RedisServer server_{{.password = "", .tcp = true}};
 };
+
+TEST_F(RunningUsageStore, IsCheckedByAnEntryThatGoesByItself) {
+  configuration_.usage.key_template = "mail/{name}/bytes";
+  platform::UseConfiguration(configuration_);
+  const auto offset = platform::CheckUsageStore();
+  ASSERT_TRUE(offset.has_value());
+  EXPECT_LT(std::abs(*offset), 2);
+  EXPECT_EQ(server_.Command({"KEYS", "*"}), "mail//check/bytes");
+  EXPECT_NE(server_.Command({"TTL", "mail//check/bytes"}), "-1");
+}
+
+TEST_F(RunningUsageStore, TellsNoTimeThatIsNone) {
+  test::RedisRelay relay(server_.socket(), [](std::string& piece) {
+    if (test::HasCommand(piece, "TIME")) {
+      piece = "PING\r\n";
+    }
+  });
+  configuration_.usage.socket = relay.socket();
+  platform::UseConfiguration(configuration_);
+  EXPECT_EQ(platform::CheckUsageStore(), std::nullopt);
+}
 
 TEST_F(RunningUsageStore, ListsTheNamesThatHaveAnEntry) {
   server_.Command({"MSET", "alice/quota/storage", "1073741824", "Bob/quota/storage", "0",
