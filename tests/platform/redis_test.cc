@@ -271,7 +271,7 @@ TEST_F(RunningUsageStore, IsCheckedByAnEntryThatGoesByItself) {
   const auto offset = platform::CheckUsageStore();
   ASSERT_TRUE(offset.has_value());
   EXPECT_LT(std::abs(*offset), 2);
-  EXPECT_EQ(server_.Command({"KEYS", "*"}), "mail//check/bytes");
+  EXPECT_EQ(server_.Command({"KEYS", "*"}), "mail//check/bytes\n");
   EXPECT_NE(server_.Command({"TTL", "mail//check/bytes"}), "-1");
 }
 
