@@ -218,6 +218,12 @@ export PATH=/usr/local/bin:/usr/bin:/bin # there is none
 level=$1 limit=$2
 shift 2
 message=$({quillonctl} --config {source} quota warning --level "$level" --limit "$limit" -- "$*")
+case $* in
+*[*?]*)
+  echo "no message for $*: doveadm would take the name for a pattern" >&2
+  exit 1
+  ;;
+esac
 printf '%s\n' "$message" |
   doveadm -c {dovecot} -o 'plugin/quota={quota}:noenforcing' save -u "$*"
 )",

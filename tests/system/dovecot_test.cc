@@ -194,6 +194,20 @@ TEST_P(DovecotTest, WarnsEvenWhereTheWarningExceedsTheLimit) {
   EXPECT_TRUE(BecomesRight(user));
 }
 
+TEST_P(DovecotTest, WarnsNobodyElse) {
+  world_.AddAccount("al*", 1005);
+  Do({"user", "set-quota", "--limit", "5K", "--warning", "4K", "al*"});
+  Start();
+  EXPECT_THAT(Deliver("alice", 100), StartsWith("250 2.0.0"));
+  EXPECT_THAT(dovecot_->Append("al*", 4900), StartsWith("c OK"));
+  EXPECT_TRUE(Becomes([&] {
+    return dovecot_->Log().find("no message for al*: doveadm would take") != std::string::npos;
+  })) << dovecot_->Log();
+  EXPECT_THAT(world_.folder().Read("mail.log"), HasSubstr("the mail of al* has grown beyond"));
+  dovecot_.reset();
+  EXPECT_EQ(MessagesWith("alice", "Subject: Your mailbox is filling up"), 0);
+}
+
 TEST_P(DovecotTest, LowersTheFigureWhenMailIsRemoved) {
   Start();
   EXPECT_THAT(Deliver("alice", 6000), StartsWith("250 2.0.0"));

@@ -61,16 +61,23 @@ class Dovecot {
   std::string source_;
 };
 
-// The first whose name Dovecot may change, or the first of all.
+bool IsPattern(const StoredMailUser& user) {
+  return user.name.find_first_of("*?") != std::string::npos;
+}
+
+bool HasCapital(const StoredMailUser& user) {
+  return std::any_of(user.name.begin(), user.name.end(),
+                     [](unsigned char c) { return std::isupper(c) != 0; });
+}
+
+// One whose name Dovecot might change, or the first. Not one that doveadm takes for several.
 StoredMailUser ChooseUser() {
-  const std::vector<StoredMailUser> users = StoredMailUsers();
+  std::vector<StoredMailUser> users = StoredMailUsers();
+  std::erase_if(users, IsPattern);
   if (users.empty()) {
     throw Note("there are no mail users");
   }
-  const auto user = std::find_if(users.begin(), users.end(), [](const StoredMailUser& candidate) {
-    return std::any_of(candidate.name.begin(), candidate.name.end(),
-                       [](unsigned char c) { return std::isupper(c) != 0; });
-  });
+  const auto user = std::find_if(users.begin(), users.end(), HasCapital);
   return user != users.end() ? *user : users.front();
 }
 
@@ -201,7 +208,7 @@ std::map<std::string, std::string> Fields(const std::string& text) {
 
 std::string Dovecot::CheckUserdb() const {
   const StoredMailUser user = ChooseUser();
-  const CommandOutput output = RunCommand({"doveadm", "-c", File(), "user", user.name});
+  const CommandOutput output = RunCommand({"doveadm", "-c", File(), "user", "--", user.name});
   if (!output.is_success) {
     const bool is_asked = output.text.find("connect(") == std::string::npos;
     throw Problem(output.text.substr(0, output.text.find('\n')),
