@@ -62,8 +62,8 @@ void RunAs(const Identity& identity, const std::function<void()>& work) {
   Require(child >= 0, "fork");
   if (child == 0) {
     const std::string failure = Failure(identity, work);
-    static_cast<void>(!::write(writer.Get(), failure.data(), failure.size()));
-    ::_exit(failure.empty() ? EXIT_SUCCESS : EXIT_FAILURE);
+    const bool is_told = ::write(writer.Get(), failure.data(), failure.size()) >= 0;
+    ::_exit(failure.empty() && is_told ? EXIT_SUCCESS : EXIT_FAILURE);
   }
   writer = FileDescriptor();
   const std::string failure = ReadAll(reader.Get());
