@@ -1,4 +1,5 @@
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <velamailserver/account/group.h>
@@ -20,8 +21,8 @@ const Json::StaticString kName("name");
 
 // The store knows groups by gid: what the account database calls that one counts, not what it was
 // called by whoever asked.
-RecordsByName<GroupRecord> IndexByGroupName(const std::vector<GroupRecord>& records) {
-  return {records, [](unsigned int gid) { return VelaGroup(gid).Name(); }};
+RecordsByName<GroupRecord> IndexByGroupName(std::vector<GroupRecord> records) {
+  return {std::move(records), [](unsigned int gid) { return VelaGroup(gid).Name(); }};
 }
 
 }  // namespace
@@ -47,10 +48,8 @@ void Group::UpdateQuotaInfo(Json::Value& list) {
     groups.emplace_back(member["name"].asString());
   }
 
-  const std::vector<GroupRecord> limit_records = ListGroupQuotaLimit(groups);
-  RecordsByName<GroupRecord> limits = IndexByGroupName(limit_records);
-  const std::vector<GroupRecord> warning_records = ListGroupQuotaWarning(groups);
-  RecordsByName<GroupRecord> warnings = IndexByGroupName(warning_records);
+  RecordsByName<GroupRecord> limits = IndexByGroupName(ListGroupQuotaLimit(groups));
+  RecordsByName<GroupRecord> warnings = IndexByGroupName(ListGroupQuotaWarning(groups));
 
   for (Json::Value& member : list) {
     // The inserting accessor: a member without a name gains a null one.

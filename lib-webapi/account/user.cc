@@ -1,5 +1,6 @@
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <quillon/backend/quota_redis_client.h>
@@ -33,8 +34,8 @@ constexpr char kMailClient[] = "VELA.WUI.MailClient.Application";
 
 const Json::StaticString kUsage("usage");
 
-RecordsByName<UserRecord> IndexByRealName(const std::vector<UserRecord>& records) {
-  return {records, [](unsigned int uid) { return VelaUser(uid).RealName(); }};
+RecordsByName<UserRecord> IndexByRealName(std::vector<UserRecord> records) {
+  return {std::move(records), [](unsigned int uid) { return VelaUser(uid).RealName(); }};
 }
 
 // Read-only: a member without a name does not gain one.
