@@ -26,7 +26,7 @@ void Sort(const GroupReportOptions& options, std::vector<ReportRow>& rows) {
 }  // namespace
 
 Json::Value ReportGroups(const std::vector<VelaGroup>& groups, const GroupReportOptions& options) {
-  Json::Value list = AnnotatedList(NamesOf(groups), "group",
+  Json::Value list = AnnotatedList(EntriesOf(groups), "group",
                                    [](Json::Value& names) { Group().UpdateQuotaInfo(names); });
   std::vector<ReportRow> rows;
   rows.reserve(list.size());

@@ -69,12 +69,8 @@ ReportPage ReadReportPage(const Parameters& parameters) {
   return page;
 }
 
-Json::Value AnnotatedList(const Json::Value& names, const char* subject,
+Json::Value AnnotatedList(Json::Value list, const char* subject,
                           const std::function<void(Json::Value&)>& annotate) {
-  Json::Value list(Json::arrayValue);
-  for (const Json::Value& name : names) {
-    list.append(Json::Value(Json::objectValue))[kName] = name;
-  }
   try {
     annotate(list);
   } catch (const LogException& error) {
@@ -84,8 +80,9 @@ Json::Value AnnotatedList(const Json::Value& names, const char* subject,
 }
 
 ReportRow RowOf(Json::Value& annotated) {
-  ReportRow row{&annotated, TextOf(annotated[kName]), FigureOf(annotated[kQuota]), std::nullopt};
-  if (const auto remaining = FigureOf(annotated[kRemaining])) {
+  const Json::Value& figures = annotated;
+  ReportRow row{&annotated, TextOf(figures[kName]), FigureOf(figures[kQuota]), std::nullopt};
+  if (const auto remaining = FigureOf(figures[kRemaining])) {
     row.warning = row.limit.value_or(0) - *remaining;
   }
   return row;

@@ -34,14 +34,18 @@ struct ReportRow {
   std::optional<unsigned long long> warning;
 };
 
-/// The entries of these names, with what the library's `annotate` adds to them. Throws what that
-/// throws; where it is a stored warning level that is above its limit, `APIError` that names the
-/// `subject`, "user" or "group", as well.
-Json::Value AnnotatedList(const Json::Value& names, const char* subject,
+/// A list of entries with what the library's `annotate` adds to them. Throws what that throws;
+/// where it is a stored warning level that is above its limit, `APIError` that names the `subject`,
+/// "user" or "group", as well.
+Json::Value AnnotatedList(Json::Value list, const char* subject,
                           const std::function<void(Json::Value&)>& annotate);
 
 /// The entry must outlive the row.
 ReportRow RowOf(Json::Value& annotated);
+
+// Keys of every entry, which they refer to instead of copying them.
+inline const Json::StaticString kLimitKey("limit");
+inline const Json::StaticString kWarningKey("warning");
 
 /// Ties are ordered by name; a figure that is not set sorts lowest.
 template <typename Figure, typename Owner, typename Row>
@@ -68,8 +72,8 @@ Json::Value TakePage(const char* key, const ReportPage& page, const std::vector<
   for (unsigned long long i = begin; i < begin + length; ++i) {
     const Row& row = rows[i];
     Json::Value& entry = entries.append(std::move(*row.entry));
-    entry["limit"] = row.limit ? Json::Value(Json::UInt64{*row.limit}) : Json::Value();
-    entry["warning"] = row.warning ? Json::Value(Json::UInt64{*row.warning}) : Json::Value();
+    entry[kLimitKey] = row.limit ? Json::Value(Json::UInt64{*row.limit}) : Json::Value();
+    entry[kWarningKey] = row.warning ? Json::Value(Json::UInt64{*row.warning}) : Json::Value();
     add(row, entry);
   }
   answer["total"] = Json::UInt64{total};

@@ -37,6 +37,17 @@ Json::Value NamesOf(const std::vector<Account>& accounts) {
   return names;
 }
 
+/// An array with an entry, {"name"}, of each of them.
+template <typename Account>
+Json::Value EntriesOf(const std::vector<Account>& accounts) {
+  static const Json::StaticString kName("name");  // which entries refer to instead of copying it
+  Json::Value entries(Json::arrayValue);
+  for (const Account& account : accounts) {
+    entries.append(Json::Value(Json::objectValue))[kName] = NameOf(account);
+  }
+  return entries;
+}
+
 /// Names for a message, of which it gives the first ten: "[alice], [bob]", "[n1], … and 5 more".
 std::string NameSome(const std::vector<std::string>& names);
 

@@ -1,5 +1,7 @@
 #include "user_report.h"
 
+#include <utility>
+
 #include <velamailserver/account/user.h>
 
 #include "resolve_accounts.h"
@@ -10,6 +12,8 @@ namespace {
 
 using velamailserver::velasdk::VelaUser;
 using velamailserver::webapi::User;
+
+const Json::StaticString kPercentKey("percent");
 
 struct Row : ReportRow {
   unsigned long long usage;
@@ -29,7 +33,7 @@ std::vector<Row> MakeRows(Json::Value& list) {
   std::vector<Row> rows;
   rows.reserve(list.size());
   for (Json::Value& user : list) {
-    Row row{RowOf(user), user["usage"].asUInt64(), std::nullopt};
+    Row row{RowOf(user), std::as_const(user)["usage"].asUInt64(), std::nullopt};
     row.percent = Percent(row.usage, row.limit);
     rows.push_back(row);
   }
@@ -55,7 +59,7 @@ void Sort(const UserReportOptions& options, std::vector<Row>& rows) {
 }  // namespace
 
 Json::Value ReportUsers(const std::vector<VelaUser>& users, const UserReportOptions& options) {
-  Json::Value list = AnnotatedList(NamesOf(users), "user",
+  Json::Value list = AnnotatedList(EntriesOf(users), "user",
                                    [](Json::Value& names) { User().UpdateQuotaUsage(names); });
   std::vector<Row> rows = MakeRows(list);
   if (options.above) {
@@ -64,7 +68,7 @@ Json::Value ReportUsers(const std::vector<VelaUser>& users, const UserReportOpti
   }
   Sort(options, rows);
   return TakePage("users", options.page, rows, [](const Row& row, Json::Value& user) {
-    user["percent"] = row.percent ? Json::Value(*row.percent) : Json::Value();
+    user[kPercentKey] = row.percent ? Json::Value(*row.percent) : Json::Value();
   });
 }
 
