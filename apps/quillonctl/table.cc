@@ -33,8 +33,19 @@ std::size_t DisplayWidth(std::string_view text) {
   return width;
 }
 
+// Formatting each cell would take longer than all else that a table takes.
 void AppendBlanks(std::size_t count, fmt::memory_buffer& out) {
-  fmt::format_to(std::back_inserter(out), "{:{}}", "", count);
+  for (; count > 0; --count) {
+    out.push_back(' ');
+  }
+}
+
+void AppendText(const Table::Cell& cell, fmt::memory_buffer& out) {
+  if (cell.style.has_foreground()) {
+    fmt::format_to(std::back_inserter(out), cell.style, "{}", cell.text);
+  } else {
+    out.append(cell.text);
+  }
 }
 
 }  // namespace
@@ -63,7 +74,7 @@ void Table::AppendTo(fmt::memory_buffer& out) const {
       const std::size_t padding = widths_[i] - DisplayWidth(cell.text);
       if (!cell.text.empty()) {
         AppendBlanks(blanks + (aligns_[i] == Align::kRight ? padding : 0), out);
-        fmt::format_to(std::back_inserter(out), cell.style, "{}", cell.text);
+        AppendText(cell, out);
         blanks = 0;
       }
       const bool is_padded_after = cell.text.empty() || aligns_[i] == Align::kLeft;

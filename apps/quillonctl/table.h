@@ -18,8 +18,8 @@ class Table {
   };
 
   struct Cell {
-    std::string text;  ///< UTF-8 on one line, without control characters
-    fmt::text_style style = {};
+    std::string text;            ///< UTF-8 on one line, without control characters
+    fmt::text_style style = {};  ///< a colour of the text, or none
   };
 
   explicit Table(const std::vector<Column>& columns);
