@@ -2,14 +2,16 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include <fmt/format.h>
@@ -21,6 +23,10 @@
 namespace quillon::test {
 
 namespace {
+
+namespace fs = std::filesystem;
+
+constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
 
 // A conversation in lines.
 class Conversation {
@@ -108,9 +114,21 @@ Conversation LogIn(int port, const std::string& user) {
 
 }  // namespace
 
+void OpenToDovecot(const TemporaryFolder& folder, const RedisServer& usage_store) {
+  const std::string spool = folder / "spool/local";
+  fs::create_directories(spool);
+  if (::chown(spool.c_str(), 0, kMailGroup) != 0 || ::chmod(spool.c_str(), 01771) != 0) {
+    throw std::system_error(errno, std::generic_category(), spool);
+  }
+  const fs::path socket = usage_store.socket();
+  for (const fs::path& path : {folder.path(), socket.parent_path(), socket}) {
+    fs::permissions(path, fs::perms(0777));
+  }
+}
+
 Dovecot::Dovecot(const std::string& settings)
     : configuration_(settings + "/dovecot.conf"), imap_port_(FreePort()) {
-  std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
+  fs::permissions(folder_.path(), fs::perms(0755));
   std::ofstream(configuration_) << fmt::format(R"(base_dir = {0}/run
 log_path = {0}/log
 protocols = lmtp imap

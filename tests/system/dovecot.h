@@ -5,9 +5,14 @@
 #include <string_view>
 
 #include "support/program.h"
+#include "support/redis_server.h"
 #include "support/temporary_folder.h"
 
 namespace quillon::test {
+
+/// Lets Dovecot make mail directories in FOLDER/spool/local, which need not exist, and all users
+/// reach it and the usage store. Needs root.
+void OpenToDovecot(const TemporaryFolder& folder, const RedisServer& usage_store);
 
 /// A Dovecot of the test's own, with the settings in a folder that quillonctl has exported them to.
 /// Mail is delivered by LMTP on a unix socket; IMAP is at a port of 127.0.0.1, where everybody's
@@ -27,6 +32,8 @@ class Dovecot {
   std::string Append(const std::string& user, std::size_t bytes) const;
 
   std::string Log() const;
+  /// What its other programs need to be told.
+  const std::string& configuration_file() const { return configuration_; }
 
  private:
   bool Listens() const;

@@ -2,7 +2,6 @@
 // usage store.
 #include "system/dovecot.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,8 +22,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
-constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
-
 template <typename Condition>
 bool Becomes(Condition condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -40,11 +37,7 @@ class DovecotTest : public testing::TestWithParam<const char*> {
     if (::geteuid() != 0) {
       GTEST_SKIP() << "Dovecot becomes its users: run as root";
     }
-    const std::string spool = world_.folder() / "spool/local";
-    fs::create_directories(spool);
-    EXPECT_EQ(::chown(spool.c_str(), 0, kMailGroup), 0);
-    EXPECT_EQ(::chmod(spool.c_str(), 01771), 0);
-    LetUsersReachTheStores();
+    OpenToDovecot(world_.folder(), world_.redis());
     if (std::string(GetParam()) == "Postgresql") {
       store_ = std::make_unique<PostgresqlWorld>();
       world_.UseStore(store_->Url());
@@ -55,13 +48,6 @@ class DovecotTest : public testing::TestWithParam<const char*> {
     Do({"quota", "sync"});
     Do({"export", "dovecot", "--output", world_.folder() / "dovecot"});
     dovecot_ = std::make_unique<Dovecot>(world_.folder() / "dovecot");
-  }
-
-  void LetUsersReachTheStores() {
-    const fs::path socket = world_.redis().socket();
-    for (const fs::path& path : {world_.folder().path(), socket.parent_path(), socket}) {
-      fs::permissions(path, fs::perms(0777));
-    }
   }
 
   // Dovecot asks the store about a user anew once it has forgotten the last answer.
@@ -241,7 +227,7 @@ TEST_P(DovecotTest, MayGoOnWhileItsFiguresAreCountedAnew) {
   world_.redis().Stop();
   EXPECT_THAT(Deliver("bob", 500), StartsWith("250 2.0.0"));  // no mail is lost
   world_.redis().Start();
-  LetUsersReachTheStores();
+  OpenToDovecot(world_.folder(), world_.redis());
   EXPECT_EQ(Usage("bob"), "0");
   {
     const std::jthread deliveries([&] {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <quillon/platform/configuration.h>
 #include <velamailserver/account/mailbox_quota.h>
@@ -55,16 +56,24 @@ std::vector<std::string> MakeNames(std::size_t users) {
   return names;
 }
 
-void MakeMaildir(const std::string& path, std::size_t messages, bool names_carry_sizes) {
+// Messages number `first` to `end` - 1, no two neighbours of which have the same size.
+void MakeMaildir(const std::string& path, std::size_t first, std::size_t end,
+                 bool names_carry_sizes) {
   const std::string text = "From: <a@example>\r\nTo: <b@example>\r\nSubject: x\r\n\r\nHello.\r\n";
   for (const char* part : {"cur", "new", "tmp"}) {
     fs::create_directories(fmt::format("{}/{}", path, part));
   }
-  for (std::size_t i = 0; i < messages; ++i) {
+  for (std::size_t i = first; i < end; ++i) {
     const std::string body = text + std::string(i % 997, 'x');
     std::ofstream(fmt::format("{}/cur/17000{:05}.M{}P1.host{}:2,S", path, i, i * 31,
                               names_carry_sizes ? fmt::format(",S={}", body.size()) : ""))
         << body;
+  }
+}
+
+void Give(const fs::path& path, uid_t owner) {
+  if (::chown(path.c_str(), owner, static_cast<gid_t>(-1)) != 0) {
+    throw std::system_error(errno, std::generic_category(), path);
   }
 }
 
@@ -136,7 +145,7 @@ void FillStores(const std::string& folder) {
   }
 }
 
-void MakeGroups(const std::string& folder, std::size_t groups) {
+void MakeGroups(const std::string& folder, std::size_t groups, std::size_t members) {
   const std::vector<std::string> users = ReadNames(folder);
   {
     std::ofstream group(folder + "/group", std::ios::app);
@@ -144,8 +153,11 @@ void MakeGroups(const std::string& folder, std::size_t groups) {
     unsigned int gid = kFirstGid;
     for (const std::string& name : MakeNames(groups)) {
       const std::size_t first = gid - kFirstGid;
-      group << fmt::format("{}:x:{}:{},{}\n", name, gid++, users[first % users.size()],
-                           users[(7 * first + 1) % users.size()]);
+      std::vector<std::string> of_group;
+      for (std::size_t i = 0; i < members; ++i) {
+        of_group.push_back(users[(first + i * (6 * first + 1)) % users.size()]);
+      }
+      group << fmt::format("{}:x:{}:{}\n", name, gid++, fmt::join(of_group, ","));
       list << name << '\n';
     }
   }
@@ -166,26 +178,37 @@ void MakeGroups(const std::string& folder, std::size_t groups) {
 
 void MakeMaildirs(const std::string& folder) {
   for (const std::string& name : ReadNames(folder)) {
-    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), 0, false);
+    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), 0, 0, false);
   }
 }
 
 void MakeMail(const std::string& folder, std::size_t messages, bool names_carry_sizes) {
   const std::vector<std::string> names = ReadNames(folder);
+  std::size_t first = 0;
   for (const std::string& name : names) {
-    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), messages / names.size(),
-                names_carry_sizes);
+    const std::size_t end = first + messages / names.size();
+    MakeMaildir(fmt::format("{}/spool/local/{}", folder, name), first, end, names_carry_sizes);
+    first = end;
+  }
+}
+
+void GiveMail(const std::string& folder) {
+  uid_t uid = kFirstUid;
+  for (const std::string& name : ReadNames(folder)) {
+    const std::string maildir = fmt::format("{}/spool/local/{}", folder, name);
+    Give(maildir, uid);
+    for (const auto& entry : fs::recursive_directory_iterator(maildir)) {
+      Give(entry.path(), uid);
+    }
+    ++uid;
   }
 }
 
 void MakeOwnerlessMail(const std::string& folder, std::size_t maildirs, std::size_t messages) {
   for (std::size_t i = 0; i < maildirs; ++i) {
     const std::string maildir = fmt::format("{}/spool/local/gone{}", folder, i);
-    MakeMaildir(maildir, messages, false);
-    const auto uid = static_cast<uid_t>(kFirstOwnerlessUid + i);
-    if (::chown(maildir.c_str(), uid, static_cast<gid_t>(-1)) != 0) {
-      throw std::system_error(errno, std::generic_category(), maildir);
-    }
+    MakeMaildir(maildir, 0, messages, false);
+    Give(maildir, static_cast<uid_t>(kFirstOwnerlessUid + i));
   }
 }
 
