@@ -8,22 +8,28 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "host.h"
+#include "mail_server.h"
 #include "measure.h"
+#include "plain_store.h"
 #include "results.h"
-#include "support/redis_server.h"
-#include "support/temporary_folder.h"
 #include "system/large_host.h"
 #include "web.h"
 
 namespace quillon::bench {
 namespace {
+
+namespace fs = std::filesystem;
 
 // Sizes of a run: the ones that the targets are stated for, and smaller ones to see that all works.
 struct Sizes {
@@ -38,10 +44,12 @@ struct Sizes {
   std::size_t ownerless_files = 200'000;  // to recount
   std::size_t removed_files = 100'000;
   std::size_t ownerless_records = 1'000'000;  // to show a page of
+  std::size_t synced_users = 100'000;
+  std::size_t synced_groups = 1000;
   int rounds = 5;
 };
 
-constexpr Sizes kQuick{2000, 200, 500, 500, 50, 500, 2000, 500, 2000, 1000, 10'000, 1};
+constexpr Sizes kQuick{2000, 200, 500, 500, 50, 500, 2000, 500, 2000, 1000, 10'000, 2000, 50, 1};
 
 // The next program reads everything from the disk.
 void ForgetFiles() {
@@ -49,10 +57,39 @@ void ForgetFiles() {
   std::ofstream("/proc/sys/vm/drop_caches") << "3" << std::flush;
 }
 
+// A store in one file, while nobody has it open.
+class StoreFile {
+ public:
+  using Image = std::tuple<std::string, fs::file_time_type, bool>;
+
+  explicit StoreFile(std::string path) : path_(std::move(path)) {}
+
+  void CopyTo(const std::string& path) const { Copy(path_, path); }
+  void CopyFrom(const std::string& path) const { Copy(path, path_); }
+
+  // What every write changes.
+  Image Read() const {
+    std::ostringstream content;
+    content << std::ifstream(path_, std::ios::binary).rdbuf();
+    return {content.str(), fs::last_write_time(path_), fs::exists(path_ + "-wal")};
+  }
+
+ private:
+  static void Copy(const std::string& from, const std::string& to) {
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+  }
+
+  const std::string path_;
+};
+
 class Bench {
  public:
-  Bench(std::string programs, const Sizes& sizes, const WebSizes& web_sizes)
-      : programs_(std::move(programs)), sizes_(sizes), web_(programs_, web_sizes, results_) {}
+  Bench(std::string programs, const Sizes& sizes, const MailServerSizes& mail_server_sizes,
+        const WebSizes& web_sizes)
+      : programs_(std::move(programs)),
+        sizes_(sizes),
+        mail_server_(mail_server_sizes, results_),
+        web_(programs_, web_sizes, results_) {}
 
   // What can be measured, by the name that chooses it; everything without a name.
   const Results& Run(const std::string& only) {
@@ -66,6 +103,9 @@ class Bench {
         {"recount", [this] { RecountOwnerless(); }},
         {"remove", [this] { RemoveOwnerless(); }},
         {"page", [this] { PageOwnerless(); }},
+        {"sync", [this] { Sync(); }},
+        {"doveadm", [this] { mail_server_.Report(); }},
+        {"delivery", [this] { mail_server_.Delivery(); }},
         {"remote-call", [this] { web_.RemoteCall(); }},
         {"local-call", [this] { web_.LocalCall(); }},
         {"web-server", [this] { web_.Server(); }},
@@ -81,15 +121,6 @@ class Bench {
 
  private:
   std::string Program(const std::string& name) const { return programs_ + "/" + name; }
-
-  // A host of its own for a measurement.
-  struct Host {
-    explicit Host(std::size_t users) { test::MakeHost(folder.path(), users, redis.socket()); }
-    std::string path() const { return folder.path(); }
-
-    test::TemporaryFolder folder;
-    test::RedisServer redis;
-  };
 
   // What two programs have written about a host.
   static void RequireSame(const Host& host, const std::string& ours, const std::string& theirs) {
@@ -261,9 +292,46 @@ class Bench {
                   "-"});
   }
 
+  // Whole programs, which read the accounts files and the store, and write to it what differs.
+  void Sync() {
+    constexpr std::size_t kMembers = 100;  // of a group
+    fmt::print(stderr, "quota sync of {} users in {} groups\n", sizes_.synced_users,
+               sizes_.synced_groups);
+    const Host host(sizes_.synced_users);
+    test::MakeGroups(host.path(), sizes_.synced_groups, kMembers);
+    const StoreFile store(host.folder / "quota.db");
+    store.CopyTo(host.folder / "without-users.db");
+    const auto forget_users = [&] { store.CopyFrom(host.folder / "without-users.db"); };
+    const std::vector<Command> commands = {host.Quillonctl({"quota", "sync"}),
+                                           {Program("sync-in-a-straight-line"), host.path()}};
+    const std::string what = fmt::format("quota sync of {} users", sizes_.synced_users);
+    const auto first = RunInTurn(commands, sizes_.rounds, forget_users);
+    results_.Add(what + ", all new", 3.0, first[0], first[1], &Cost::whole_seconds);
+
+    store.CopyTo(host.folder / "plain.db");
+    forget_users();
+    host.Do({"quota", "sync"});
+    RequireSameMailUsers(host);
+    const StoreFile::Image image = store.Read();
+    const auto second = RunInTurn(commands, sizes_.rounds);
+    if (store.Read() != image) {
+      throw std::runtime_error("a sync that had nothing to change has written to the store");
+    }
+    results_.Add(what + ", none new", 3.0, second[0], second[1], &Cost::whole_seconds);
+  }
+
+  static void RequireSameMailUsers(const Host& host) {
+    for (const char* table : {"mail_user", "mail_user_group"}) {
+      if (!HaveSameRows(host.folder / "quota.db", host.folder / "plain.db", table)) {
+        throw std::runtime_error(fmt::format("the rows of {} differ", table));
+      }
+    }
+  }
+
   const std::string programs_;
   const Sizes sizes_;
   Results results_;
+  MailServerBench mail_server_;
   WebBench web_;
 };
 
@@ -281,15 +349,16 @@ int main(int argc, char** argv) {
   std::string only;
   app.add_option("--only", only, "measure this alone")
       ->check(CLI::IsMember({"report", "set", "details", "groups", "count", "find", "recount",
-                             "remove", "page", "remote-call", "local-call", "web-server",
-                             "web-memory", "web-start"}));
+                             "remove", "page", "sync", "doveadm", "delivery", "remote-call",
+                             "local-call", "web-server", "web-memory", "web-start"}));
   CLI11_PARSE(app, argc, argv);
 
   try {
     const std::string programs = std::filesystem::canonical("/proc/self/exe").parent_path();
     auto bench = is_quick ? quillon::bench::Bench(programs, quillon::bench::kQuick,
+                                                  quillon::bench::kQuickMailServer,
                                                   quillon::bench::kQuickWeb)
-                          : quillon::bench::Bench(programs, {}, {});
+                          : quillon::bench::Bench(programs, {}, {}, {});
     const quillon::bench::Results& results = bench.Run(only);
     results.Print(!is_quick);
     if (!json.empty()) {

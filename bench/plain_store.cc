@@ -40,4 +40,23 @@ std::array<BytesById, 2> SelectBytes(const std::string& path,
   return selected;
 }
 
+bool HaveSameRows(const std::string& path, const std::string& other_path,
+                  const std::string& table) {
+  sqlite3* database = nullptr;
+  sqlite3_open(path.c_str(), &database);
+  sqlite3_exec(database, ("ATTACH '" + other_path + "' AS other").c_str(), nullptr, nullptr,
+               nullptr);
+  const std::string ours = "SELECT * FROM main." + table;
+  const std::string theirs = "SELECT * FROM other." + table;
+  const std::string sql = "SELECT EXISTS (" + ours + ") AND NOT EXISTS (" + ours + " EXCEPT " +
+                          theirs + ") AND NOT EXISTS (" + theirs + " EXCEPT " + ours + ")";
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(database, sql.c_str(), -1, &statement, nullptr);
+  const bool are_same =
+      sqlite3_step(statement) == SQLITE_ROW && sqlite3_column_int(statement, 0) == 1;
+  sqlite3_finalize(statement);
+  sqlite3_close(database);
+  return are_same;
+}
+
 }  // namespace quillon::bench

@@ -15,4 +15,7 @@ using BytesById = std::unordered_map<unsigned int, unsigned long long>;
 std::array<BytesById, 2> SelectBytes(const std::string& path,
                                      const std::array<const char*, 2>& statements);
 
+/// Whether a table has the same rows in two SQLite databases, and any.
+bool HaveSameRows(const std::string& path, const std::string& other_path, const std::string& table);
+
 }  // namespace quillon::bench

@@ -42,6 +42,10 @@ class Results {
   void Add(const std::string& what, Target target, const Runs& ours, const Runs& theirs,
            double Cost::*figure);
 
+  /// How many times as fast ours is, at least.
+  void AddTimesAsFast(const std::string& what, double at_least, const Runs& ours,
+                      const Runs& theirs, double Cost::*figure);
+
   /// A table; without targets where the sizes are not those that they are stated for.
   void Print(bool has_targets) const;
   void WriteJson(const std::string& path) const;
