@@ -51,6 +51,7 @@ apt install --no-install-recommends $(cd "$packages" && printf '/packages/%s ' *
 [ "$(dpkg-query --admindir="$tree/var/lib/dpkg" -W -f '${db:Status-Status}\n' "${ours[@]}" | sort -u)" = installed ] ||
   fail "not all packages are installed"
 run getent passwd quillon-web >/dev/null || fail "there is no account quillon-web"
+run getent group quillon-mail >/dev/null || fail "there is no group quillon-mail"
 [ "$(stat -c '%U %a' "$tree/run/lock/quillon_server")" = "root 755" ] || fail "the folder of locks"
 [ "$(stat -c '%U %a' "$tree/var/lib/quillon")" = "root 700" ] || fail "the folder of data"
 for binary in /usr/bin/quillonctl /usr/libexec/quillon/quillon-webapid{,-front,-worker} \
