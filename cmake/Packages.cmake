@@ -79,7 +79,8 @@ quillon_package(quillon-quota-postgresql libs
 quillon_package(quillon-tools admin
   "Quillon mail server: command line"
   "quillonctl shows and sets quotas, counts and removes mail, on this host or\nanother of the cluster."
-  DEPENDS "quillon-platform =VERSION")
+  DEPENDS "quillon-platform =VERSION"
+  CONTROL postinst prerm postrm)
 quillon_package(quillon-webapid admin
   "Quillon mail server: web server of a cluster host"
   "Lets other hosts and HTTP clients call the WebAPIs of this one, over TLS."

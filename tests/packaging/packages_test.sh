@@ -60,7 +60,8 @@ for binary in /usr/bin/quillonctl /usr/libexec/quillon/quillon-webapid{,-front,-
   # Under /usr the loader looks by itself.
   ! readelf -d "$tree/$binary" | grep -E 'R(UN)?PATH' || fail "$binary looks for libraries by itself"
 done
-run systemd-analyze verify --man=no quillon-webapid.service || fail "the service"
+run systemd-analyze verify --man=no quillon-webapid.service quillon-quota-sync.path quillon-quota-sync.timer ||
+  fail "the units"
 
 echo "== use"
 apt install --no-install-recommends curl  # only now: it would bring a library that the packages could miss
