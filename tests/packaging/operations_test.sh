@@ -75,6 +75,7 @@ echo "== upgrade, and back"
 starts() { in_host mail1 journalctl --no-pager -u quillon-webapid | grep -c Started; }
 on mail1 <<<'sed -i "s/^#session_lifetime = .*/session_lifetime = 900/" /etc/quillon/mailserver.toml'
 before=$(starts)
+sleep 1  # backups have the names of seconds
 does mail1 upgrade
 [ "$(starts)" = $((before + 1)) ] || fail "the web server was started $(($(starts) - before)) times"
 on mail1 <<<'dpkg-query -W quillon-webapid; grep "^session_lifetime" /etc/quillon/mailserver.toml
@@ -92,7 +93,8 @@ does mail1 postgresql-database postgresql-stop postgresql-switch postgresql-copy
 [ "$(cat "$WORK/output")" = "the same" ] || fail "$(cat "$WORK/output")"
 same_limits "$WORK/limits"
 does mail1 postgresql-start
-on mail1 <<<'quillonctl --host 127.0.0.1 --account boss --password-file /root/boss-password group list; quillon-backup
+on mail1 <<<'quillonctl --host 127.0.0.1 --account boss --password-file /root/boss-password group list
+  sleep 1; quillon-backup
   quillonctl user clear-quota ann; quillonctl group clear-quota sales'
 does mail1 restore-postgresql
 same_limits "$WORK/limits"
