@@ -1,15 +1,17 @@
 #include "dovecot_settings.h"
 
+#include <arpa/inet.h>
 #include <grp.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <filesystem>
-#include <optional>
 #include <string_view>
 #include <system_error>
 
 #include <fmt/format.h>
+
+#include "shell_word.h"
 
 namespace {
 
@@ -45,14 +47,7 @@ std::string Value(std::string_view text) {
   return value + "\"";
 }
 
-// A word of a shell command.
-std::string Quoted(const std::string& text) {
-  std::string word = "'";
-  for (const char c : text) {
-    word += c == '\'' ? "'\\''" : std::string(1, c);
-  }
-  return word + "'";
-}
+std::string ScriptIn(const std::string& folder) { return folder + "/quillon-quota-warning"; }
 
 // A part of the address of a Dovecot dictionary, whose parts are separated by colons.
 std::string Part(const char* name, const std::string& text, const char* key) {
@@ -83,7 +78,13 @@ std::string UsageStore(const Configuration::Usage& usage) {
       usage.key_template.substr(0, usage.key_template.size() - kKeyOfDovecot.size());
   std::string address = "redis";
   if (usage.socket.empty()) {
-    address += Part("host", usage.host, "usage.host") + fmt::format(":port={}", usage.port);
+    if (in_addr ip{}; ::inet_pton(AF_INET, usage.host.c_str(), &ip) != 1) {
+      throw CannotBeExported(fmt::format(
+          "usage.host is {}, and Dovecot's Redis client takes nothing but an IPv4 address: give it "
+          "that, or a unix socket (usage.socket)",
+          usage.host));
+    }
+    address += fmt::format(":host={}:port={}", usage.host, usage.port);
   } else {
     address += Part("path", usage.socket, "usage.socket");
   }
@@ -96,14 +97,16 @@ std::string UsageStore(const Configuration::Usage& usage) {
   return address;
 }
 
-// Percent signs begin variables, in what the query answers, too.
-constexpr char kUserQuery[] = R"(SELECT home, uid, gid, 'maildir:' || home AS mail, \
+// Percent signs begin variables, in what the query answers, too. Words behind "quota-warning" are
+// parted by blanks. An address is that of the account before the @, where none has all of it.
+constexpr char kUserQuery[] = R"(SELECT name AS user, home, uid, gid, 'maildir:' || home AS mail, \
   '*:bytes=' || CASE WHEN length(quota_limit) <= {digits} THEN quota_limit ELSE '0' END AS quota_rule, \
-  CASE WHEN length(quota_warning) <= {digits} THEN 'bytes=' || quota_warning || \
-    ' quota-warning ' || quota_warning || ' ' || \
+  CASE WHEN length(quota_warning) <= {digits} AND replace(name, '  ', '') = trim(name) THEN \
+    'bytes=' || quota_warning || ' quota-warning ' || quota_warning || ' ' || \
     CASE WHEN length(quota_limit) <= {digits} THEN quota_limit ELSE '0' END || ' ' || \
-    replace('%u', '%%', '%%%%') END AS quota_warning \
-  FROM mail_user_quota WHERE name = '%u')";
+    replace(name, '%%', '%%%%') END AS quota_warning \
+  FROM mail_user_quota WHERE name IN ('%u', '%n') \
+  ORDER BY CASE name WHEN '%u' THEN 0 ELSE 1 END LIMIT 1)";
 
 std::string Heading(const std::string& source) {
   return fmt::format(
@@ -128,40 +131,26 @@ std::string SqlSettings(const Configuration::Quota& quota, const std::string& so
       fmt::format(kUserQuery, fmt::arg("digits", kMostDigits)));
 }
 
-// The group that may make mail directories; nothing when none with a name may. Every user's mail is
-// read with it, so it must not be root's, nor let one user's processes take another one's directory
-// away.
-std::optional<std::string> GroupOfMailFolder(const Configuration::Maildir& maildir) {
-  const std::string folder = maildir.root + "/" + maildir.domain;
-  struct stat status {};
-  if (::stat(folder.c_str(), &status) != 0) {
-    throw std::system_error(errno, std::generic_category(), folder);
-  }
-  const bool may_make = (status.st_mode & S_IWGRP) != 0 && (status.st_mode & S_ISVTX) != 0;
-  const ::group* group = may_make && status.st_gid != 0 ? ::getgrgid(status.st_gid) : nullptr;
-  return group != nullptr ? std::optional<std::string>(group->gr_name) : std::nullopt;
-}
-
-std::string MailAccess(const std::optional<std::string>& group,
-                       const Configuration::Maildir& maildir) {
-  return group ? fmt::format("mail_access_groups = {}\n", *group)
-               : fmt::format(
-                     "# {0}/{1} has no group of its own that may write to it, with the sticky bit "
-                     "set:\n"
-                     "# mail for a user without a mail directory fails, and nobody is warned. Give "
-                     "it one\n"
-                     "# (chgrp GROUP, chmod 1771), and make this file anew.\n",
-                     maildir.root, maildir.domain);
+std::string MailAccess(const std::string& group, const Configuration::Maildir& maildir) {
+  return !group.empty()
+             ? fmt::format("mail_access_groups = {}\n", group)
+             : fmt::format(
+                   "# {0}/{1} has no group of its own that may write to it, with the sticky bit "
+                   "set:\n"
+                   "# mail for a user without a mail directory fails, and nobody is warned. Give "
+                   "it one\n"
+                   "# (chgrp GROUP, chmod 1771), and make this file anew.\n",
+                   maildir.root, maildir.domain);
 }
 
 // Who may have a user warned: the mail processes, and nobody else.
-std::string WarningListener(const std::optional<std::string>& group) {
-  return group ? fmt::format("group = {}\n    mode = 0660", *group) : "mode = 0600";
+std::string WarningListener(const std::string& group) {
+  return group.empty() ? "mode = 0600" : fmt::format("group = {}\n    mode = 0660", group);
 }
 
 std::string MailSettings(const Configuration& configuration, const std::string& source,
                          const std::string& sql_file, const std::string& warning_script) {
-  const auto group = GroupOfMailFolder(configuration.maildir);
+  const std::string group = GroupOfMailFolder(configuration.maildir);
   return fmt::format(
       R"({heading}
 # Names are those of the accounts as they are, with capitals, signs and a plus.
@@ -228,9 +217,9 @@ printf '%s\n' "$message" |
   doveadm -c {dovecot} -o 'plugin/quota={quota}:noenforcing' save -u "$*"
 )",
       fmt::arg("heading", Heading(source)),
-      fmt::arg("quillonctl", Quoted(std::filesystem::read_symlink("/proc/self/exe"))),
-      fmt::arg("source", Quoted(std::filesystem::absolute(source))),
-      fmt::arg("dovecot", Quoted(folder + "/dovecot.conf")), fmt::arg("quota", kQuota));
+      fmt::arg("quillonctl", ShellWord(std::filesystem::read_symlink("/proc/self/exe"))),
+      fmt::arg("source", ShellWord(source)),
+      fmt::arg("dovecot", ShellWord(folder + "/dovecot.conf")), fmt::arg("quota", kQuota));
 }
 
 }  // namespace
@@ -240,7 +229,15 @@ std::vector<DovecotValue> DovecotNameValues() {
 }
 
 std::vector<DovecotValue> DovecotQuotaValues() {
-  return {{"plugin/quota", kQuota}, {"plugin/quota_grace", "0"}};
+  return {
+      {"plugin/quota", kQuota},      {"plugin/quota_grace", "0"},      {"plugin/quota2", ""},
+      {"plugin/quota_rule2", ""},    {"plugin/quota_vsizes", ""},      {"plugin/quota_warning", ""},
+      {"plugin/quota_warning2", ""}, {"namespace/inbox/location", ""}, {"auth_cache_size", "0"}};
+}
+
+std::vector<DovecotValue> DovecotWarningValues(const std::string& folder) {
+  return {{"service/quota-warning/executable", "script " + ScriptIn(folder)},
+          {"service/quota-warning/user", ""}};
 }
 
 DovecotValue DovecotUsageValue(const Configuration::Usage& usage) {
@@ -251,6 +248,19 @@ std::string DovecotQuotaRule(const std::string& limit) {
   return "*:bytes=" + (limit.empty() || limit.size() > kMostDigits ? "0" : limit);
 }
 
+// Every user's mail is read with it, so it must not be root's, nor let one user's processes take
+// another one's directory away.
+std::string GroupOfMailFolder(const Configuration::Maildir& maildir) {
+  const std::string folder = maildir.root + "/" + maildir.domain;
+  struct stat status {};
+  if (::stat(folder.c_str(), &status) != 0) {
+    throw std::system_error(errno, std::generic_category(), folder);
+  }
+  const bool may_make = (status.st_mode & S_IWGRP) != 0 && (status.st_mode & S_ISVTX) != 0;
+  const ::group* group = may_make && status.st_gid != 0 ? ::getgrgid(status.st_gid) : nullptr;
+  return group != nullptr ? group->gr_name : "";
+}
+
 std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
                                           const std::string& source, const std::string& folder) {
   if (folder.find_first_of(" \t\n") != std::string::npos) {
@@ -258,9 +268,9 @@ std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
                            ": Dovecot runs no script in a folder with a space in its name");
   }
   const std::string sql_file = folder + "/quillon-sql.conf.ext";
-  const std::string script = folder + "/quillon-quota-warning";
+  const std::string script = ScriptIn(folder);
   // The store's password is in the second one.
-  return {{folder + "/conf.d/90-quillon.conf",
+  return {{folder + "/conf.d/99-quillon.conf",
            MailSettings(configuration, source, sql_file, script), 0644},
           {sql_file, SqlSettings(configuration.quota, source), 0600},
           {script, WarningScript(source, folder), 0755}};

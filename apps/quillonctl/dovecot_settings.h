@@ -27,10 +27,13 @@ struct DovecotValue {
   std::string value;
 };
 
-/// How Dovecot takes the names of users.
+/// How Dovecot takes the names of users, for each protocol.
 std::vector<DovecotValue> DovecotNameValues();
-/// How it holds limits.
+/// How it holds limits and where the mail is, for each protocol. An empty value is one that is set
+/// nowhere.
 std::vector<DovecotValue> DovecotQuotaValues();
+/// How it has users warned, by settings in `folder`.
+std::vector<DovecotValue> DovecotWarningValues(const std::string& folder);
 /// Where it keeps the figures. Throws `CannotBeExported`.
 DovecotValue DovecotUsageValue(const quillon::platform::Configuration::Usage& usage);
 /// What it holds a user to, by the limit in bytes in decimal digits, empty for none.
@@ -42,3 +45,8 @@ std::string DovecotQuotaRule(const std::string& limit);
 /// `std::system_error` when the folder of the mail directories cannot be looked at.
 std::vector<SettingsFile> DovecotSettings(const quillon::platform::Configuration& configuration,
                                           const std::string& source, const std::string& folder);
+
+/// The group that may make mail directories, by its name; empty when none may, or none that has a
+/// name, or none that every user's mail may be read with. Throws `std::system_error` when the
+/// folder of the mail directories cannot be looked at.
+std::string GroupOfMailFolder(const quillon::platform::Configuration::Maildir& maildir);

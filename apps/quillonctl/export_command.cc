@@ -24,8 +24,7 @@ struct ExportOptions {
 };
 
 int ExportDovecot(const ExportOptions& options, const std::string& source) {
-  const std::string folder =
-      options.output.empty() ? kDovecotFolder : fs::absolute(options.output).string();
+  const std::string folder = options.output.empty() ? kDovecotFolder : AbsolutePath(options.output);
   const auto files = DovecotSettings(*quillon::platform::CurrentConfiguration(), source, folder);
   for (const SettingsFile& file : files) {
     if (options.output.empty()) {

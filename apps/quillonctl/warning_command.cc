@@ -74,14 +74,10 @@ std::string Fill(std::string_view text, const std::map<std::string_view, std::st
 }
 
 std::string OwnMessage(const WarningOptions& options, const std::string& path) {
-  const std::string text = ReadInput(path);
-  if (text.find("\n\n") == std::string::npos && text.find("\r\n\r\n") == std::string::npos) {
-    throw std::runtime_error("quota.warning_message: no empty line between headers and text in " +
-                             path);
-  }
-  return Fill(text, {{"{name}", options.name},
-                     {"{level}", FormatSize(options.level)},
-                     {"{limit}", options.limit == 0 ? "unlimited" : FormatSize(options.limit)}});
+  return Fill(ReadWarningMessage(path),
+              {{"{name}", options.name},
+               {"{level}", FormatSize(options.level)},
+               {"{limit}", options.limit == 0 ? "unlimited" : FormatSize(options.limit)}});
 }
 
 // One that the server makes, and which no other program is to answer.
@@ -106,6 +102,15 @@ int Warn(const WarningOptions& options) {
 }
 
 }  // namespace
+
+std::string ReadWarningMessage(const std::string& path) {
+  const std::string text = ReadInput(path);
+  if (text.find("\n\n") == std::string::npos && text.find("\r\n\r\n") == std::string::npos) {
+    throw std::runtime_error("quota.warning_message: no empty line between headers and text in " +
+                             path);
+  }
+  return text;
+}
 
 void AddWarningCommand(CLI::App& group, Command& command) {
   const auto options = std::make_shared<WarningOptions>();

@@ -147,7 +147,7 @@ service imap-login {{
     port = 0
   }}
 }}
-!include {2}/conf.d/90-quillon.conf
+!include {2}/conf.d/99-quillon.conf
 )",
                                                folder_.path().string(), imap_port_, settings);
   program_ = std::make_unique<BackgroundProgram>(

@@ -219,6 +219,41 @@ TEST_P(DovecotTest, KnowsUsersByTheirNames) {
   EXPECT_EQ(Usage("zo\xc3\xab"), Counted("zo\xc3\xab"));
 }
 
+TEST_P(DovecotTest, KnowsUsersByAddressesOfAnyDomain) {
+  world_.AddAccount("ann@example.org", 2101);
+  world_.AddAccount("ann", 2102);
+  Do({"user", "set-quota", "--limit", "4K", "--warning", "1K", "alice"});
+  Start();
+  EXPECT_THAT(Deliver("alice@example.org", 3000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("alice@mail.example.org", 3000), StartsWith("552 5.2.2"));
+  EXPECT_TRUE(Gets("alice", "There are more than 1K of mail in the mailbox of alice now."))
+      << dovecot_->Log();
+  EXPECT_TRUE(BecomesRight("alice"));
+  EXPECT_THAT(Deliver("Alice@example.org", 100), StartsWith("550"));
+  EXPECT_THAT(Deliver("ann@example.org", 2000), StartsWith("250 2.0.0"));
+  EXPECT_THAT(Deliver("ann@example.net", 1000), StartsWith("250 2.0.0"));
+  for (const char* user : {"ann", "ann@example.org"}) {
+    EXPECT_EQ(Usage(user), Counted(user)) << user;
+    EXPECT_EQ(MessagesWith(user, "Subject: test"), 1) << user;
+  }
+}
+
+TEST_P(DovecotTest, WarnsNobodyForANameOfTheSameWords) {
+  for (const char* user : {"a b", "a  b"}) {
+    static unsigned int uid = 2200;
+    world_.AddAccount(user, ++uid);
+  }
+  Do({"user", "set-quota", "--limit", "5K", "--warning", "4K", "a b", "a  b"});
+  Start();
+  EXPECT_THAT(dovecot_->Append("a b", 100), StartsWith("c OK"));
+  EXPECT_THAT(dovecot_->Append("a  b", 4900), StartsWith("c OK"));
+  EXPECT_THAT(dovecot_->Append("a b", 4500), StartsWith("c OK"));
+  EXPECT_TRUE(Gets("a b", "There are more than 4K of mail in the mailbox of a b now."))
+      << dovecot_->Log();
+  dovecot_.reset();
+  EXPECT_EQ(MessagesWith("a b", "Subject: Your mailbox is filling up"), 1);
+}
+
 TEST_P(DovecotTest, MayGoOnWhileItsFiguresAreCountedAnew) {
   Start();
   for (const char* user : {"alice", "bob"}) {

@@ -39,17 +39,17 @@ class ExportTest : public testing::Test {
 
 TEST_F(ExportTest, PrintsTheSettings) {
   SetUsage(
-      "host = \"redis.example\"\nport = 6380\ndatabase = 2\nkey_template = "
+      "host = \"192.0.2.1\"\nport = 6380\ndatabase = 2\nkey_template = "
       "\"m/{name}/quota/storage\"");
   const Outcome outcome = Export();
   EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
   EXPECT_THAT(outcome.output,
-              AllOf(StartsWith("### /etc/dovecot/conf.d/90-quillon.conf\n"),
+              AllOf(StartsWith("### /etc/dovecot/conf.d/99-quillon.conf\n"),
                     HasSubstr(world_.configuration_file()),
                     HasSubstr("args = \"/etc/dovecot/quillon-sql.conf.ext\"\n"),
                     HasSubstr("first_valid_uid = 1000\nlast_valid_uid = 59999\n"),
                     HasSubstr("quota_clone_dict = "
-                              "\"redis:host=redis.example:port=6380:prefix=m/:db=2\"\n"),
+                              "\"redis:host=192.0.2.1:port=6380:prefix=m/:db=2\"\n"),
                     HasSubstr("\n### /etc/dovecot/quillon-sql.conf.ext\n"),
                     HasSubstr("driver = sqlite\nconnect = " + world_.quota_database() + "\n")));
 }
@@ -58,10 +58,10 @@ TEST_F(ExportTest, WritesIntoAFolder) {
   const std::string folder = world_.folder() / "dovecot";
   const Outcome outcome = world_.Quillonctl({"export", "dovecot", "--output", folder});
   EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
-  EXPECT_EQ(outcome.output, fmt::format("{0}/conf.d/90-quillon.conf\n{0}/quillon-sql.conf.ext\n"
+  EXPECT_EQ(outcome.output, fmt::format("{0}/conf.d/99-quillon.conf\n{0}/quillon-sql.conf.ext\n"
                                         "{0}/quillon-quota-warning\n",
                                         folder));
-  EXPECT_THAT(world_.folder().Read("dovecot/conf.d/90-quillon.conf"),
+  EXPECT_THAT(world_.folder().Read("dovecot/conf.d/99-quillon.conf"),
               HasSubstr("args = \"" + folder + "/quillon-sql.conf.ext\""));
   struct stat status {};
   ASSERT_EQ(::stat((folder + "/quillon-sql.conf.ext").c_str(), &status), 0);
@@ -117,7 +117,8 @@ TEST_F(ExportTest, RefusesWhatDovecotHasNoSettingFor) {
            {"sentinels = [\"127.0.0.1:26379\"]", "usage.sentinels: Dovecot cannot ask"},
            {"key_template = \"{name}/usage\"", "usage.key_template is {name}/usage, and"},
            {"key_template = \"a:{name}/quota/storage\"", "usage.key_template holds a colon"},
-           {"host = \"::1\"", "usage.host holds a colon"},
+           {"host = \"::1\"", "usage.host is ::1, and Dovecot's Redis client takes"},
+           {"host = \"localhost\"", "usage.host is localhost, and Dovecot's"},
            {"socket = \"/run/a:b\"", "usage.socket holds a colon"}}) {
     SetUsage(settings);
     const Outcome outcome = Export();

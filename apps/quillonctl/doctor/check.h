@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 /// What a check has found to be wrong. `what()` says what, `remedy()` what to do about it.
 class Problem : public std::runtime_error {
@@ -30,4 +31,6 @@ struct Check {
   /// `remedy`.
   std::function<std::string()> run;
   std::string remedy;
+  /// Earlier checks without whose success there is nothing to look at.
+  std::vector<std::string> needs = {};
 };

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -26,7 +28,7 @@ struct DoctorOptions {
   bool as_json = false;
 };
 
-enum class State { kGood, kNote, kFailed };
+enum class State { kGood, kNote, kLeftOut, kFailed };
 
 struct Finding {
   std::string name;
@@ -35,7 +37,13 @@ struct Finding {
   std::string remedy;
 };
 
-Finding Examine(const Check& check) {
+// `failed` are the checks before it that did not succeed, or were left out for want of another.
+Finding Examine(const Check& check, const std::set<std::string>& failed) {
+  const auto missing = std::find_if(check.needs.begin(), check.needs.end(),
+                                    [&](const auto& need) { return failed.contains(need); });
+  if (missing != check.needs.end()) {
+    return {check.name, State::kLeftOut, "mend first: " + *missing, ""};
+  }
   try {
     return {check.name, State::kGood, check.run(), ""};
   } catch (const Note& note) {
@@ -50,7 +58,7 @@ Finding Examine(const Check& check) {
 std::vector<Check> ChecksOf(const DoctorOptions& options, const std::string& source) {
   std::vector<Check> checks = HostChecks();
   if (options.names_dovecot ||
-      std::filesystem::exists(options.dovecot + "/conf.d/90-quillon.conf")) {
+      std::filesystem::exists(options.dovecot + "/conf.d/99-quillon.conf")) {
     const auto dovecot = DovecotChecks(options.dovecot, source);
     checks.insert(checks.end(), dovecot.begin(), dovecot.end());
   } else {
@@ -66,6 +74,8 @@ const char* Word(State state) {
       return "ok";
     case State::kNote:
       return "note";
+    case State::kLeftOut:
+      return "-";
     case State::kFailed:
       return "failed";
   }
@@ -77,11 +87,12 @@ void WriteFinding(const Finding& finding) {
   const auto style = [&](fmt::color colour) {
     return has_colour ? fmt::fg(colour) : fmt::text_style();
   };
-  const fmt::text_style styles[] = {style(fmt::color::green), style(fmt::color::gold),
-                                    style(fmt::color::red)};
+  const std::map<State, fmt::text_style> styles = {{State::kGood, style(fmt::color::green)},
+                                                   {State::kNote, style(fmt::color::gold)},
+                                                   {State::kLeftOut, style(fmt::color::gold)},
+                                                   {State::kFailed, style(fmt::color::red)}};
   std::string line = fmt::format(
-      "{}  {}: {}\n",
-      fmt::format(styles[static_cast<int>(finding.state)], "{:<6}", Word(finding.state)),
+      "{}  {}: {}\n", fmt::format(styles.at(finding.state), "{:<6}", Word(finding.state)),
       finding.name, finding.text);
   if (!finding.remedy.empty()) {
     line += fmt::format("{:6}  -> {}\n", "", finding.remedy);
@@ -107,9 +118,13 @@ int Examine(const DoctorOptions& options, const std::string& source) {
   Json::Value document;
   document["checks"] = Json::arrayValue;
   unsigned failed = 0;
+  std::set<std::string> unsuccessful;
   for (const Check& check : ChecksOf(options, source)) {
-    const Finding finding = Examine(check);
+    const Finding finding = Examine(check, unsuccessful);
     failed += finding.state == State::kFailed ? 1 : 0;
+    if (finding.state == State::kFailed || finding.state == State::kLeftOut) {
+      unsuccessful.insert(finding.name);
+    }
     if (options.as_json) {
       document["checks"].append(ToJson(finding));
     } else {
@@ -140,7 +155,7 @@ void AddDoctorCommand(CLI::App& app, const CLI::Option& configuration, Command& 
   doctor->footer("Example: quillonctl doctor");
   doctor->callback([options, folder, &configuration, &command] {
     options->names_dovecot = folder->count() != 0;
-    options->dovecot = std::filesystem::absolute(options->dovecot).string();
+    options->dovecot = AbsolutePath(options->dovecot);
     command = [options, &configuration] {
       return Examine(*options, ConfigurationFile(configuration));
     };

@@ -4,25 +4,31 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <map>
+#include <memory>
+#include <optional>
 #include <sstream>
 #include <system_error>
 
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
-#include <quillon/platform/mail_users.h>
 #include <quillon/platform/store_check.h>
 
 #include "count.h"
 #include "doctor/as_user.h"
 #include "doctor/command_output.h"
+#include "doctor/effective_settings.h"
+#include "doctor/host_checks.h"
 #include "doctor/ownership.h"
 #include "dovecot_settings.h"
 #include "input.h"
+#include "shell_word.h"
+#include "warning_command.h"
 
 namespace {
 
@@ -32,34 +38,7 @@ using quillon::platform::StoredMailUsers;
 namespace fs = std::filesystem;
 
 constexpr char kPathUnit[] = "quillon-quota-sync.path";
-
-/// A Dovecot by its folder of settings.
-class Dovecot {
- public:
-  Dovecot(std::string folder, std::string source)
-      : folder_(std::move(folder)), source_(std::move(source)) {}
-
-  std::string CheckSettings() const;
-  std::string CheckExport() const;
-  std::string CheckPlugins() const;
-  std::string CheckUsageStore() const;
-  std::string CheckNames() const;
-  std::string CheckQuota() const;
-  std::string CheckMailUsers() const;
-  std::string CheckUserdb() const;
-  std::string CheckProcesses() const;
-  std::string CheckMaildirs() const;
-  std::string CheckWatch() const;
-
- private:
-  std::string File() const { return folder_ + "/dovecot.conf"; }
-  std::string Get(const std::string& key, const std::string& protocol = "") const;
-  void Require(const DovecotValue& expected) const;
-  std::vector<gid_t> Groups() const;
-
-  std::string folder_;
-  std::string source_;
-};
+constexpr std::array kProtocols = {"lmtp", "lda", "imap"};
 
 bool IsPattern(const StoredMailUser& user) {
   return user.name.find_first_of("*?") != std::string::npos;
@@ -71,8 +50,7 @@ bool HasCapital(const StoredMailUser& user) {
 }
 
 // One whose name Dovecot might change, or the first. Not one that doveadm takes for several.
-StoredMailUser ChooseUser() {
-  std::vector<StoredMailUser> users = StoredMailUsers();
+StoredMailUser ChooseUser(std::vector<StoredMailUser> users) {
   std::erase_if(users, IsPattern);
   if (users.empty()) {
     throw Note("there are no mail users");
@@ -81,35 +59,63 @@ StoredMailUser ChooseUser() {
   return user != users.end() ? *user : users.front();
 }
 
-// An empty answer is that of a setting that nothing sets, too.
-std::string Dovecot::Get(const std::string& key, const std::string& protocol) const {
-  std::vector<std::string> command = {"doveconf", "-c", File()};
-  if (!protocol.empty()) {
-    command.insert(command.end(), {"-f", "protocol=" + protocol});
-  }
-  command.insert(command.end(), {"-h", key});
-  const CommandOutput output = RunCommand(command);
-  if (!output.is_success) {
-    throw Note("Dovecot's settings cannot be read");
-  }
-  return output.text;
-}
+/// A Dovecot by its folder of settings.
+class Dovecot {
+ public:
+  Dovecot(std::string folder, std::string source)
+      : folder_(std::move(folder)),
+        source_(std::move(source)),
+        settings_(folder_ + "/dovecot.conf") {}
 
-void Dovecot::Require(const DovecotValue& expected) const {
-  const std::string value = Get(expected.key);
+  std::string CheckSettings();
+  std::string CheckExport();
+  std::string CheckPlugins();
+  std::string CheckUsageStore();
+  std::string CheckNames();
+  std::string CheckQuota();
+  std::string CheckWarnings();
+  std::string CheckMailUsers();
+  std::string CheckUserdb();
+  std::string CheckProcesses();
+  std::string CheckMaildirs();
+  std::string CheckWatch();
+
+ private:
+  void Require(const DovecotValue& expected, const std::string& protocol = "");
+  std::string ExportAnew() const {
+    return fmt::format("quillonctl export dovecot --output {} && doveadm reload",
+                       ShellWord(folder_));
+  }
+  const std::vector<StoredMailUser>& Users();
+  std::vector<gid_t> Groups();
+
+  std::string folder_;
+  std::string source_;
+  EffectiveSettings settings_;
+  std::optional<std::vector<StoredMailUser>> users_;
+};
+
+void Dovecot::Require(const DovecotValue& expected, const std::string& protocol) {
+  const std::string value = settings_.Get(expected.key, protocol);
   if (value != expected.value) {
-    const std::string key = expected.key.substr(expected.key.find('/') + 1);
-    throw Problem(
-        fmt::format("{} is \"{}\", and has to be \"{}\"", key, value, expected.value),
-        fmt::format("take it out where else it is set (grep -rn {} {}), or export anew: quillonctl "
-                    "export dovecot --output {}",
-                    key, folder_, folder_));
+    const std::string key = expected.key.substr(expected.key.rfind('/') + 1);
+    throw Problem(fmt::format("{}{} is \"{}\", and has to be \"{}\"", expected.key,
+                              protocol.empty() ? "" : " for " + protocol, value, expected.value),
+                  fmt::format("take it out where it is set so (grep -rn {} {}), or {}", key,
+                              ShellWord(folder_), ExportAnew()));
   }
 }
 
-std::vector<gid_t> Dovecot::Groups() const {
+const std::vector<StoredMailUser>& Dovecot::Users() {
+  if (!users_) {
+    users_ = StoredMailUsers();
+  }
+  return *users_;
+}
+
+std::vector<gid_t> Dovecot::Groups() {
   std::vector<gid_t> groups;
-  std::string names = Get("mail_access_groups");
+  std::string names = settings_.Get("mail_access_groups");
   std::replace(names.begin(), names.end(), ',', ' ');
   std::istringstream words(names);
   for (std::string name; words >> name;) {
@@ -120,72 +126,102 @@ std::vector<gid_t> Dovecot::Groups() const {
   return groups;
 }
 
-std::string Dovecot::CheckSettings() const {
-  const CommandOutput output = RunCommand({"doveconf", "-c", File(), "-h", "mail_plugins"});
-  if (!output.is_success) {
-    throw Problem(output.text,
-                  fmt::format("mend the line, and look again: doveconf -c {} -n", File()));
+std::string Dovecot::CheckSettings() {
+  if (RunCommand({"doveconf", "-a", "-c", settings_.file()}).status == 127) {
+    throw Problem("there is no doveconf", "apt-get install dovecot-lmtpd dovecot-imapd");
   }
-  return File();
+  const std::string dictionary = settings_.Get("plugin/quota_clone_dict");
+  if (dictionary.empty() && settings_.Get("service/quota-warning/executable").empty()) {
+    throw Problem(
+        fmt::format("{} does not include {}/conf.d/99-quillon.conf", settings_.file(), folder_),
+        "put the line \"!include conf.d/*.conf\" into it");
+  }
+  return settings_.file();
 }
 
-std::string Dovecot::CheckExport() const {
+std::string Dovecot::CheckExport() {
   const auto files = DovecotSettings(*CurrentConfiguration(), source_, folder_);
+  for (const std::string& path : {folder_, folder_ + "/conf.d", settings_.file()}) {
+    RequireRootsOwn(path);
+  }
   for (const SettingsFile& file : files) {
     RequireRootsOwn(file.path);
-    if (const mode_t mode = StatusOf(file.path).st_mode & 0777U; (mode & ~file.mode) != 0) {
+    const mode_t mode = StatusOf(file.path).st_mode & 0777U;
+    const mode_t least = file.mode & 0700U;
+    if ((mode & ~file.mode) != 0 || (mode & least) != least) {
       throw Problem(fmt::format("{} has mode {:04o}", file.path, mode),
-                    fmt::format("chmod {:04o} {}", file.mode, file.path));
+                    fmt::format("chmod {:04o} {}", file.mode, ShellWord(file.path)));
     }
   }
   for (const SettingsFile& file : files) {
     if (ReadInput(file.path) != file.content) {
-      throw Note(file.path +
-                 " is not as it would be exported now: unless you have changed it by hand, export "
-                 "anew (quillonctl export dovecot --output " +
-                 folder_ + ")");
+      throw Note(
+          fmt::format("{} is not as it would be exported now: unless you have changed it by "
+                      "hand, {}",
+                      file.path, ExportAnew()));
     }
   }
   return "as it would be exported now";
 }
 
-std::string Dovecot::CheckPlugins() const {
-  for (const char* protocol : {"lmtp", "lda", "imap"}) {
-    const std::string plugins = " " + Get("mail_plugins", protocol) + " ";
+std::string Dovecot::CheckPlugins() {
+  for (const char* protocol : kProtocols) {
+    const std::string plugins = " " + settings_.Get("mail_plugins", protocol) + " ";
     for (const char* plugin : {"quota", "quota_clone"}) {
       if (plugins.find(fmt::format(" {} ", plugin)) == std::string::npos) {
         throw Problem(
             fmt::format("the plugin {} is not loaded for {}", plugin, protocol),
-            fmt::format("where mail_plugins is set for the protocol (grep -rn mail_plugins {}), "
-                        "begin it with $mail_plugins, or name quota and quota_clone",
-                        folder_));
+            fmt::format(
+                "where mail_plugins is set for {} (grep -rn mail_plugins {}), add quota and "
+                "quota_clone: $mail_plugins stands only for what is read before that line",
+                protocol, ShellWord(folder_)));
       }
     }
   }
   return "quota and quota_clone are loaded for lmtp, lda and imap";
 }
 
-std::string Dovecot::CheckUsageStore() const {
-  Require(DovecotUsageValue(CurrentConfiguration()->usage));
+std::string Dovecot::CheckUsageStore() {
+  for (const char* protocol : kProtocols) {
+    Require(DovecotUsageValue(CurrentConfiguration()->usage), protocol);
+  }
   return "server and key are the same on both sides";
 }
 
-std::string Dovecot::CheckNames() const {
-  for (const DovecotValue& value : DovecotNameValues()) {
-    Require(value);
+std::string Dovecot::CheckNames() {
+  for (const char* protocol : kProtocols) {
+    for (const DovecotValue& value : DovecotNameValues()) {
+      Require(value, protocol);
+    }
   }
   return "are taken as they are";
 }
 
-std::string Dovecot::CheckQuota() const {
-  for (const DovecotValue& value : DovecotQuotaValues()) {
-    Require(value);
+std::string Dovecot::CheckQuota() {
+  for (const char* protocol : kProtocols) {
+    for (const DovecotValue& value : DovecotQuotaValues()) {
+      Require(value, protocol);
+    }
   }
   return "limits are held to the byte";
 }
 
-std::string Dovecot::CheckMailUsers() const {
-  const auto changes = quillon::platform::SyncMailUsers(true);
+std::string Dovecot::CheckWarnings() {
+  const auto configuration = CurrentConfiguration();
+  for (const DovecotValue& value : DovecotWarningValues(folder_)) {
+    Require(value);
+  }
+  const std::string listener = "service/quota-warning/unix_listener/quota-warning/";
+  Require({listener + "group", GroupOfMailFolder(configuration->maildir)});
+  Require({listener + "mode", "0660"});
+  if (!configuration->quota.warning_message.empty()) {
+    ReadWarningMessage(configuration->quota.warning_message);
+  }
+  return "are left in the mailboxes";
+}
+
+std::string Dovecot::CheckMailUsers() {
+  const auto& changes = ChangesOfMailUsers();
   if (!changes.IsNone()) {
     throw Problem(fmt::format("of the mail users {} are not as the accounts are now",
                               changes.added + changes.changed + changes.removed),
@@ -206,23 +242,28 @@ std::map<std::string, std::string> Fields(const std::string& text) {
   return fields;
 }
 
-std::string Dovecot::CheckUserdb() const {
-  const StoredMailUser user = ChooseUser();
-  const CommandOutput output = RunCommand({"doveadm", "-c", File(), "user", "--", user.name});
-  if (!output.is_success) {
-    const bool is_asked = output.text.find("connect(") == std::string::npos;
-    throw Problem(output.text.substr(0, output.text.find('\n')),
-                  is_asked
-                      ? "quillonctl quota sync; if that does not do, Dovecot's own log (doveadm "
-                        "log find) tells why the quota store was not read: the package "
-                        "dovecot-sqlite or dovecot-pgsql may be missing"
-                      : "start Dovecot (systemctl start dovecot)");
+std::string Dovecot::CheckUserdb() {
+  const StoredMailUser user = ChooseUser(Users());
+  const std::vector<std::string> command = {"doveadm", "-c", settings_.file(),
+                                            "user",    "--", user.name};
+  const CommandOutput output = RunCommand(command);
+  if (!output.IsSuccess()) {
+    const std::string complaint = ComplaintOf(command);
+    const bool is_running = complaint.find("connect(") == std::string::npos;
+    throw Problem(complaint,
+                  is_running ? "doveadm reload; if that does not do, Dovecot's log (doveadm log "
+                               "find) says why the quota store was not read: dovecot-sqlite or "
+                               "dovecot-pgsql may be missing, or the store not be auth-worker's to "
+                               "read"
+                             : "start Dovecot (systemctl start dovecot); if it does not start, its "
+                               "log says why (journalctl -u dovecot)");
   }
   const auto fields = Fields(output.text);
   for (const auto& [key, value] :
        std::map<std::string, std::string>{{"uid", std::to_string(user.uid)},
                                           {"gid", std::to_string(user.gid)},
                                           {"home", user.home},
+                                          {"mail", "maildir:" + user.home},
                                           {"quota_rule", DovecotQuotaRule(user.limit)}}) {
     const auto field = fields.find(key);
     const std::string found = field != fields.end() ? field->second : "";
@@ -230,63 +271,110 @@ std::string Dovecot::CheckUserdb() const {
       throw Problem(
           fmt::format("for Dovecot, {} of {} is \"{}\", and has to be \"{}\"", key, user.name,
                       found, value),
-          "let no other userdb know the mail users: with Debian's settings, comment out \"!include "
-          "auth-system.conf.ext\" in conf.d/10-auth.conf, and keep its passdb");
+          "doveadm reload; if that does not do, let no other userdb know the mail users: with "
+          "Debian's settings, put \"passdb { driver = pam }\", in three lines, in the place of "
+          "\"!include auth-system.conf.ext\" in conf.d/10-auth.conf");
     }
   }
   return fmt::format("{} is found, with the limit", user.name);
 }
 
-std::string Dovecot::CheckProcesses() const {
-  const StoredMailUser user = ChooseUser();
-  const Identity identity{user.uid, user.gid, Groups()};
+// The first folder on the way that this process may not enter.
+void RequireWay(const fs::path& folder) {
+  fs::path way;
+  for (const fs::path& part : folder) {
+    way /= part;
+    if (::access(way.c_str(), X_OK) != 0) {
+      throw std::system_error(errno, std::generic_category(), way.string());
+    }
+  }
+}
+
+std::string Dovecot::CheckProcesses() {
+  const StoredMailUser user = ChooseUser(Users());
   const auto configuration = CurrentConfiguration();
   const std::string folder = configuration->maildir.root + "/" + configuration->maildir.domain;
-  RunAs(identity, [&] {
-    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-      throw std::runtime_error(
-          fmt::format("{}, with the groups of mail_access_groups, may make no "
-                      "mail directory in {}",
-                      user.name, folder));
-    }
+  const std::string group = GroupOfMailFolder(configuration->maildir);
+  if (group.empty()) {
+    throw Problem(fmt::format("no group may make mail directories in {}", folder),
+                  fmt::format("chgrp quillon-mail {0} && chmod 1771 {0} && {1}", ShellWord(folder),
+                              ExportAnew()));
+  }
+  const std::vector<gid_t> groups = Groups();
+  if (std::find(groups.begin(), groups.end(), StatusOf(folder).st_gid) == groups.end()) {
+    throw Problem(
+        fmt::format("{} is not in mail_access_groups, and is the group of {}", group, folder),
+        ExportAnew());
+  }
+  RunAs({user.uid, user.gid, groups}, [&] {
+    RequireWay(folder);
     quillon::platform::CheckUsageStore();
   });
   return fmt::format("{} may make a mail directory and write to the usage store", user.name);
 }
 
-std::string Dovecot::CheckMaildirs() const {
-  std::size_t count = 0;
-  for (const StoredMailUser& user : StoredMailUsers()) {
-    if (!fs::exists(fs::symlink_status(user.home))) {
-      continue;
-    }
-    const struct stat status = StatusOf(user.home);
-    if (!S_ISDIR(status.st_mode)) {
-      throw Problem(user.home + " is no folder", "put the mail directory in its place");
-    }
-    if (status.st_uid != user.uid) {
-      throw Problem(fmt::format("{} belongs to uid {}, and {} has uid {}", user.home, status.st_uid,
-                                user.name, user.uid),
-                    fmt::format("if it is the mail of {}: chown -R {}:{} {}", user.name, user.uid,
-                                user.gid, user.home));
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      throw Problem(user.home + " may be changed by others than " + user.name,
-                    "chmod go-w " + user.home);
-    }
-    ++count;
+// What is wrong with a mail directory or something in it; empty when nothing is.
+std::string Fault(const std::string& path, const StoredMailUser& user) {
+  if (!fs::exists(fs::symlink_status(path))) {
+    return "";
   }
-  return Count(count, "mail directory", "mail directories") + ", of the right owner";
+  const struct stat status = StatusOf(path);
+  if (S_ISLNK(status.st_mode)) {
+    return path + " is a link, which is followed nowhere";
+  }
+  if (status.st_uid != user.uid) {
+    return fmt::format("{} belongs to uid {}, and {} has uid {}", path, status.st_uid, user.name,
+                       user.uid);
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return fmt::format("{} may be changed by others than {}", path, user.name);
+  }
+  const mode_t wanted = S_ISDIR(status.st_mode) ? S_IRWXU : S_IRUSR | S_IWUSR;
+  return (status.st_mode & wanted) == wanted
+             ? ""
+             : fmt::format("{} has mode {:04o}", path, status.st_mode & 07777U);
 }
 
-std::string Dovecot::CheckWatch() const {
+std::string FaultOfMaildir(const StoredMailUser& user) {
+  for (const char* part : {"", "/cur", "/new", "/tmp", "/maildirsize"}) {
+    if (std::string fault = Fault(user.home + part, user); !fault.empty()) {
+      return fault;
+    }
+  }
+  return "";
+}
+
+std::string Dovecot::CheckMaildirs() {
+  std::string first;
+  const StoredMailUser* whose = nullptr;
+  std::size_t faults = 0;
+  for (const StoredMailUser& user : Users()) {
+    if (std::string fault = FaultOfMaildir(user); !fault.empty()) {
+      if (++faults == 1) {
+        first = std::move(fault);
+        whose = &user;
+      }
+    }
+  }
+  if (whose != nullptr) {
+    const std::string home = ShellWord(whose->home);
+    throw Problem(
+        fmt::format("{}{}", first,
+                    faults > 1 ? fmt::format("; and {} more like it", faults - 1) : ""),
+        fmt::format("if it is this user's mail: chown -R {}:{} {} && chmod -R u+rwX,go-w {}",
+                    whose->uid, whose->gid, home, home));
+  }
+  return Count(Users().size(), "user", "users") + " can have mail in it";
+}
+
+std::string Dovecot::CheckWatch() {
   if (!fs::exists("/run/systemd/system")) {
     throw Note("systemd does not run here");
   }
-  if (!RunCommand({"systemctl", "is-active", "--quiet", kPathUnit}).is_success) {
+  if (!RunCommand({"systemctl", "is-active", "--quiet", kPathUnit}).IsSuccess()) {
     throw Note(
         fmt::format("accounts that change are mail users after the next quillonctl quota sync "
-                    "only (systemctl enable --now {})",
+                    "only (systemctl enable --now {} quillon-quota-sync.timer)",
                     kPathUnit));
   }
   return kPathUnit;
@@ -295,25 +383,33 @@ std::string Dovecot::CheckWatch() const {
 }  // namespace
 
 std::vector<Check> DovecotChecks(const std::string& folder, const std::string& source) {
-  const Dovecot dovecot(folder, source);
-  const auto check = [&](const char* name, std::string (Dovecot::*run)() const,
-                         const std::string& remedy) {
-    return Check{name, [dovecot, run] { return (dovecot.*run)(); }, remedy};
+  const auto dovecot = std::make_shared<Dovecot>(folder, source);
+  const auto check = [&](const char* name, std::string (Dovecot::*run)(), const std::string& remedy,
+                         const std::vector<std::string>& needs) {
+    return Check{name, [dovecot, run] { return (*dovecot.*run)(); }, remedy, needs};
   };
-  const std::string export_anew = "quillonctl export dovecot --output " + folder;
+  const std::string correct =
+      "correct mailserver.toml, then quillonctl export dovecot --output " + ShellWord(folder);
+  const std::vector<std::string> settings = {"dovecot settings"};
   return {
-      check("dovecot settings", &Dovecot::CheckSettings, ""),
-      check("dovecot export", &Dovecot::CheckExport, export_anew),
-      check("dovecot plugins", &Dovecot::CheckPlugins, ""),
-      check("dovecot usage store", &Dovecot::CheckUsageStore, "correct the table usage"),
-      check("dovecot names", &Dovecot::CheckNames, ""),
-      check("dovecot quota", &Dovecot::CheckQuota, ""),
-      check("mail users", &Dovecot::CheckMailUsers, "mend the accounts first"),
-      check("dovecot userdb", &Dovecot::CheckUserdb, "mend the quota store first"),
+      check("dovecot settings", &Dovecot::CheckSettings,
+            fmt::format("mend the line, and look again: doveconf -n -c {}/dovecot.conf",
+                        ShellWord(folder)),
+            {}),
+      check("dovecot export", &Dovecot::CheckExport, correct, {"mail folders"}),
+      check("dovecot plugins", &Dovecot::CheckPlugins, "", settings),
+      check("dovecot usage store", &Dovecot::CheckUsageStore, correct, settings),
+      check("dovecot names", &Dovecot::CheckNames, "", settings),
+      check("dovecot quota", &Dovecot::CheckQuota, "", settings),
+      check("dovecot warnings", &Dovecot::CheckWarnings, "correct quota.warning_message",
+            {"dovecot settings", "mail folders"}),
+      check("mail users", &Dovecot::CheckMailUsers, "", {"accounts"}),
+      check("dovecot userdb", &Dovecot::CheckUserdb, "", {"dovecot settings", "quota store"}),
       check("mail processes", &Dovecot::CheckProcesses,
-            "give the folder of the mail directories and the usage store's socket the group of "
-            "mail_access_groups; docs/dovecot.md, \"What is needed\""),
-      check("mail directories", &Dovecot::CheckMaildirs, "mend the quota store first"),
-      check("changes of accounts", &Dovecot::CheckWatch, ""),
+            "let the group of mail_access_groups use this folder, or the usage store's socket; "
+            "docs/dovecot.md, \"What is needed\"",
+            {"dovecot settings", "quota store", "usage store", "mail folders"}),
+      check("mail directories", &Dovecot::CheckMaildirs, "", {"quota store"}),
+      check("changes of accounts", &Dovecot::CheckWatch, "", {}),
   };
 }

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
-#include <optional>
 #include <string_view>
 #include <system_error>
 
@@ -15,7 +14,6 @@
 #include <quillon/platform/mail_users.h>
 #include <quillon/platform/store_check.h>
 #include <quillon/platform/usage_count.h>
-#include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
 
 #include "count.h"
@@ -31,7 +29,7 @@ constexpr double kMostClockError = 2;  // seconds
 constexpr std::string_view kSqliteScheme = "sqlite://";
 
 std::string CheckAccounts() {
-  const auto changes = quillon::platform::SyncMailUsers(true);
+  const auto changes = ChangesOfMailUsers();
   return Count(changes.added + changes.changed + changes.unchanged, "mail user", "mail users");
 }
 
@@ -48,15 +46,21 @@ std::string CheckMailFolders() {
 }
 
 std::string CheckQuotaStore() {
-  quillon::platform::CheckQuotaStore();
   const std::string store = CurrentConfiguration()->quota.store;
-  if (store.starts_with(kSqliteScheme)) {
-    const std::string file = store.substr(kSqliteScheme.size());
-    RequireRootsOwn(file);
-    RequireRootsOwn(fs::path(file).parent_path());
-    return file;
+  if (!store.starts_with(kSqliteScheme)) {
+    quillon::platform::CheckQuotaStore();
+    return "PostgreSQL, can be written to";
   }
-  return "PostgreSQL, can be written to";
+  const std::string file = store.substr(kSqliteScheme.size());
+  if (!fs::exists(fs::symlink_status(file))) {
+    throw Problem(file + " is not there",
+                  "correct quota.store; if it is right and the store new, quillonctl quota sync "
+                  "makes it");
+  }
+  RequireRootsOwn(file);
+  RequireRootsOwn(fs::path(file).parent_path());
+  quillon::platform::CheckQuotaStore();
+  return file;
 }
 
 std::string CheckUsageStore() {
@@ -65,20 +69,14 @@ std::string CheckUsageStore() {
 }
 
 std::string CheckClock() {
-  std::optional<double> offset;
-  try {
-    offset = quillon::platform::CheckUsageStore();
-  } catch (const velamailserver::LogException&) {
-    // that is another check's to report
-  }
+  const auto offset = quillon::platform::CheckUsageStore();
   if (!offset) {
     throw Note("the usage store does not tell its time");
   }
   if (std::abs(*offset) > kMostClockError) {
-    throw Problem(
-        fmt::format("the clock of the usage store's host is {:.0f} seconds {}", std::abs(*offset),
-                    *offset > 0 ? "ahead" : "behind"),
-        "have both hosts keep time by NTP (apt-get install systemd-timesyncd; timedatectl)");
+    throw Problem(fmt::format("the clock of the usage store's host is {:.0f} seconds {}",
+                              std::abs(*offset), *offset > 0 ? "ahead" : "behind"),
+                  "see that a service keeps the time on both hosts (timedatectl)");
   }
   return "that of the usage store's host is the same";
 }
@@ -98,6 +96,9 @@ std::string CheckMailLog() {
     return log.target;
   }
   const bool is_there = fs::exists(log.file);
+  if (is_there && !fs::is_regular_file(log.file)) {
+    throw std::runtime_error(log.file + " is no file");
+  }
   const std::string path = is_there ? log.file : fs::path(log.file).parent_path().string();
   if (::access(path.c_str(), W_OK) != 0) {
     throw std::system_error(errno, std::generic_category(), path);
@@ -114,17 +115,24 @@ std::string CheckUsageCache() {
 
 }  // namespace
 
+const quillon::platform::MailUserChanges& ChangesOfMailUsers() {
+  static const auto changes = quillon::platform::SyncMailUsers(true);
+  return changes;
+}
+
 std::vector<Check> HostChecks() {
   return {
       {"quota store", CheckQuotaStore,
-       "start the database, or correct quota.store; docs/operations.md, \"The stores\""},
-      {"accounts", CheckAccounts,
-       "mend the line of the accounts file, or bring the name service back"},
+       "correct quota.store; if it does not answer, start it (systemctl start postgresql)"},
+      {"accounts",
+       CheckAccounts,
+       "mend the line of the accounts file, or bring the name service back",
+       {"quota store"}},
       {"mail folders", CheckMailFolders,
        "mount the mail disk, or correct maildir.root and maildir.domain"},
       {"usage store", CheckUsageStore,
-       "start Redis (systemctl start redis-server), or correct the table usage"},
-      {"clock", CheckClock, ""},
+       "correct the table usage; if it does not answer, start it (systemctl start redis-server)"},
+      {"clock", CheckClock, "", {"usage store"}},
       {"lock folder", CheckLockFolder,
        "systemd-tmpfiles --create, or make the folder as root's, with mode 0755"},
       {"usage cache", CheckUsageCache,

@@ -236,8 +236,9 @@ std::vector<StoredMailUser> QuotaDatabase::ListMailUsers() {
 
 void QuotaDatabase::RequireWritable() {
   Run({ERR_DB_REPLACE, "write", kSchemaTable, kNotWritableLine}, [&] {
-    const DatabaseTransaction transaction(*session_, dialect_->sql().begin);
+    DatabaseTransaction transaction(*session_, dialect_->sql().begin);
     *session_ << fmt::format("UPDATE {0} SET version = version", kSchemaTable);
+    transaction.Commit();
   });
 }
 

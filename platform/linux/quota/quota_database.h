@@ -48,7 +48,7 @@ class QuotaDatabase {
   /// In ascending order of uids, with their effective limits.
   std::vector<StoredMailUser> ListMailUsers();
 
-  /// Writes, and takes it back.
+  /// Writes what is there once more.
   void RequireWritable();
 
  private:

@@ -7,7 +7,7 @@
 
 namespace quillon::platform {
 
-/// Writes to the quota store, as the user that this process is, and takes it back. Throws
+/// Writes to the quota store what is there already, as the user that this process is. Throws
 /// `LogException` that says what is wrong with it.
 void CheckQuotaStore();
 

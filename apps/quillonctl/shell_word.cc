@@ -1,0 +1,16 @@
+#include "shell_word.h"
+
+#include <string_view>
+
+std::string ShellWord(const std::string& text) {
+  constexpr std::string_view kPlain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._+:@%-";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) {
+    return text;
+  }
+  std::string word = "'";
+  for (const char c : text) {
+    word += c == '\'' ? "'\\''" : std::string(1, c);
+  }
+  return word + "'";
+}
