@@ -40,10 +40,10 @@ Json::Value NamesOf(const std::vector<Account>& accounts) {
 /// An array with an entry, {"name"}, of each of them.
 template <typename Account>
 Json::Value EntriesOf(const std::vector<Account>& accounts) {
-  static const Json::StaticString kName("name");  // which entries refer to instead of copying it
+  static const Json::StaticString name("name");  // which entries refer to instead of copying it
   Json::Value entries(Json::arrayValue);
   for (const Account& account : accounts) {
-    entries.append(Json::Value(Json::objectValue))[kName] = NameOf(account);
+    entries.append(Json::Value(Json::objectValue))[name] = NameOf(account);
   }
   return entries;
 }
