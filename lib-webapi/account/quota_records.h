@@ -59,7 +59,7 @@ template <typename Record>
 template <typename NameOf>
 RecordsByName<Record>::RecordsByName(std::vector<Record> records, const NameOf& name_of)
     : records_(std::move(records)) {
-  names_.reserve(records_.size());
+  names_.reserve(records_.size());  // the index refers to the names, which must stay where they are
   in_order_.reserve(records_.size());
   index_.reserve(records_.size());
   for (const Record& record : records_) {
