@@ -337,15 +337,15 @@ TEST_F(UpdateQuotaInfoTest, OfSeveralRecordsTheFirstCounts) {
             R"({"name":"Sales","quota":30u,"remaining_usage_notification":0u}])");
 }
 
-// More than a sort leaves as they came when it finds them equal.
+// So many that the names, which the index refers to, would move if they were not counted first.
 TEST_F(UpdateQuotaInfoTest, OfManyRecordsTheFirstCounts) {
   for (int i = 0; i < 100; ++i) {
     world_.group_limits.emplace_back(501, std::to_string(1000 + i));
     world_.group_limits.emplace_back(502, std::to_string(2000 + i));
   }
-  EXPECT_EQ(Report(R"([{"name": "staff"}, {"name": "Sales"}])"),
-            R"([{"name":"staff","quota":1000u,"remaining_usage_notification":0},)"
-            R"({"name":"Sales","quota":2000u,"remaining_usage_notification":0}])");
+  EXPECT_EQ(Report(R"([{"name": "Sales"}, {"name": "staff"}])"),
+            R"([{"name":"Sales","quota":2000u,"remaining_usage_notification":0},)"
+            R"({"name":"staff","quota":1000u,"remaining_usage_notification":0}])");
 }
 
 // UpdateQuotaInfo: the names
