@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -61,10 +62,24 @@ class DoctorTest : public testing::Test {
     EXPECT_EQ(outcome.exit_code, 0) << outcome.error;
   }
 
-  Outcome Examine() const { return world_.Quillonctl({"doctor", "--dovecot", Settings()}); }
+  Outcome Examine() const {
+    LetChangesBeOld();
+    return world_.Quillonctl({"doctor", "--dovecot", Settings()});
+  }
+
+  // As if Dovecot had been started after them.
+  void LetChangesBeOld() const {
+    const auto time = fs::file_time_type::clock::now() - std::chrono::hours(1);
+    for (const auto& entry : fs::recursive_directory_iterator(Settings())) {
+      if (fs::last_write_time(entry) < fs::file_time_type::clock::now()) {
+        fs::last_write_time(entry, time);
+      }
+    }
+  }
 
   // The names of the checks that fail.
   std::vector<std::string> Failed() const {
+    LetChangesBeOld();
     const Outcome outcome = world_.Quillonctl({"doctor", "--json", "--dovecot", Settings()});
     const Json::Value document = Parse(outcome.output);
     std::vector<std::string> failed;
@@ -395,7 +410,14 @@ TEST_F(DoctorTest, FindsAMissingFile) {
 
 TEST_F(DoctorTest, FindsADovecotThatIsNotThere) {
   dovecot_.reset();
-  ExpectFailure("dovecot userdb", "connect(", "start Dovecot");
+  ExpectFailure("dovecot server", "failed: ", "start Dovecot");
+}
+
+TEST_F(DoctorTest, FindsADovecotWithOldSettings) {
+  const fs::path settings = Settings() + "/conf.d/99-quillon.conf";
+  fs::last_write_time(settings, fs::file_time_type::clock::now() + std::chrono::hours(1));
+  ExpectFailure("dovecot server", settings.string() + " has changed since Dovecot has read it",
+                "doveadm reload");
 }
 
 TEST_F(DoctorTest, FindsAnotherUserdbThatKnowsTheUsers) {

@@ -7,6 +7,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -75,6 +76,7 @@ class Dovecot {
   std::string CheckQuota();
   std::string CheckWarnings();
   std::string CheckMailUsers();
+  std::string CheckServer();
   std::string CheckUserdb();
   std::string CheckProcesses();
   std::string CheckMaildirs();
@@ -230,6 +232,61 @@ std::string Dovecot::CheckMailUsers() {
   return "as the accounts are now";
 }
 
+// How long a process has been running.
+std::chrono::duration<double> AgeOf(const std::string& pid) {
+  constexpr int kFieldsBeforeStart = 19;  // behind the name, which is in brackets
+  const std::string status = ReadInput("/proc/" + pid + "/stat");
+  std::istringstream fields(status.substr(status.rfind(')') + 1));
+  std::string field;
+  for (int i = 0; i < kFieldsBeforeStart; ++i) {
+    fields >> field;
+  }
+  double ticks = 0;
+  fields >> ticks;
+  double uptime = 0;
+  std::istringstream(ReadInput("/proc/uptime")) >> uptime;
+  return std::chrono::duration<double>(uptime -
+                                       ticks / static_cast<double>(::sysconf(_SC_CLK_TCK)));
+}
+
+// The one that was changed last, of the settings in a folder and those below it.
+fs::path NewestSettings(const std::string& folder) {
+  fs::path newest;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    const bool is_settings = entry.is_regular_file() && (entry.path().extension() == ".conf" ||
+                                                         entry.path().extension() == ".ext");
+    if (is_settings &&
+        (newest.empty() || fs::last_write_time(entry) > fs::last_write_time(newest))) {
+      newest = entry.path();
+    }
+  }
+  return newest;
+}
+
+// Its process for the log ends with a reload, and at no other time.
+std::string Dovecot::CheckServer() {
+  const std::vector<std::string> command = {"doveadm", "-c", settings_.file(), "process", "status"};
+  const CommandOutput output = RunCommand(command);
+  if (!output.IsSuccess()) {
+    throw Problem(ComplaintOf(command),
+                  "start Dovecot (systemctl start dovecot); if it does not start, its log says why "
+                  "(journalctl -u dovecot)");
+  }
+  std::istringstream lines(output.text);
+  std::string pid;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("log ")) {
+      std::istringstream(line.substr(line.find(' '))) >> pid;
+    }
+  }
+  const fs::path newest = NewestSettings(folder_);
+  const auto age = fs::file_time_type::clock::now() - fs::last_write_time(newest);
+  if (!pid.empty() && AgeOf(pid) > age + std::chrono::seconds(1)) {
+    throw Problem(newest.string() + " has changed since Dovecot has read it", "doveadm reload");
+  }
+  return "Dovecot runs with these settings";
+}
+
 // What Dovecot knows of a user, by its name there.
 std::map<std::string, std::string> Fields(const std::string& text) {
   std::map<std::string, std::string> fields;
@@ -248,15 +305,10 @@ std::string Dovecot::CheckUserdb() {
                                             "user",    "--", user.name};
   const CommandOutput output = RunCommand(command);
   if (!output.IsSuccess()) {
-    const std::string complaint = ComplaintOf(command);
-    const bool is_running = complaint.find("connect(") == std::string::npos;
-    throw Problem(complaint,
-                  is_running ? "doveadm reload; if that does not do, Dovecot's log (doveadm log "
-                               "find) says why the quota store was not read: dovecot-sqlite or "
-                               "dovecot-pgsql may be missing, or the store not be auth-worker's to "
-                               "read"
-                             : "start Dovecot (systemctl start dovecot); if it does not start, its "
-                               "log says why (journalctl -u dovecot)");
+    throw Problem(ComplaintOf(command),
+                  "Dovecot's log (doveadm log find) says why the quota store was not read: "
+                  "dovecot-sqlite or dovecot-pgsql may be missing, or the store not be "
+                  "auth-worker's to read");
   }
   const auto fields = Fields(output.text);
   for (const auto& [key, value] :
@@ -271,7 +323,7 @@ std::string Dovecot::CheckUserdb() {
       throw Problem(
           fmt::format("for Dovecot, {} of {} is \"{}\", and has to be \"{}\"", key, user.name,
                       found, value),
-          "doveadm reload; if that does not do, let no other userdb know the mail users: with "
+          "let no other userdb know the mail users: with "
           "Debian's settings, put \"passdb { driver = pam }\", in three lines, in the place of "
           "\"!include auth-system.conf.ext\" in conf.d/10-auth.conf");
     }
@@ -404,7 +456,8 @@ std::vector<Check> DovecotChecks(const std::string& folder, const std::string& s
       check("dovecot warnings", &Dovecot::CheckWarnings, "correct quota.warning_message",
             {"dovecot settings", "mail folders"}),
       check("mail users", &Dovecot::CheckMailUsers, "", {"accounts"}),
-      check("dovecot userdb", &Dovecot::CheckUserdb, "", {"dovecot settings", "quota store"}),
+      check("dovecot server", &Dovecot::CheckServer, "", settings),
+      check("dovecot userdb", &Dovecot::CheckUserdb, "", {"dovecot server", "quota store"}),
       check("mail processes", &Dovecot::CheckProcesses,
             "let the group of mail_access_groups use this folder, or the usage store's socket; "
             "docs/dovecot.md, \"What is needed\"",
