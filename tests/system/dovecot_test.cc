@@ -218,7 +218,7 @@ TEST_P(DovecotTest, KnowsUsersByTheirNames) {
   EXPECT_THAT(Deliver("ann", 3000), StartsWith("550"));
   // Its LMTP takes no address with such a letter.
   EXPECT_THAT(dovecot_->Append("zo\xc3\xab", 3000), StartsWith("c OK"));
-  EXPECT_EQ(Usage("zo\xc3\xab"), Counted("zo\xc3\xab"));
+  EXPECT_TRUE(BecomesRight("zo\xc3\xab"));
 }
 
 TEST_P(DovecotTest, KnowsUsersByAddressesOfAnyDomain) {
