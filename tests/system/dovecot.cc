@@ -94,6 +94,12 @@ class Conversation {
   platform::FileDescriptor socket_;
 };
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr char kMemoryLimit[] = "default_vsz_limit = 0";  // the sanitizer needs more than is there
+#else
+constexpr char kMemoryLimit[] = "";
+#endif
+
 std::string Message(std::size_t bytes) {
   std::string message = "Subject: test\r\n\r\n";
   while (message.size() < bytes) {
@@ -131,6 +137,7 @@ Dovecot::Dovecot(const std::string& settings)
   fs::permissions(folder_.path(), fs::perms(0755));
   std::ofstream(configuration_) << fmt::format(R"(base_dir = {0}/run
 log_path = {0}/log
+{3}
 protocols = lmtp imap
 ssl = no
 disable_plaintext_auth = no
@@ -149,7 +156,8 @@ service imap-login {{
 }}
 !include {2}/conf.d/99-quillon.conf
 )",
-                                               folder_.path().string(), imap_port_, settings);
+                                               folder_.path().string(), imap_port_, settings,
+                                               kMemoryLimit);
   program_ = std::make_unique<BackgroundProgram>(
       std::vector<std::string>{"/usr/sbin/dovecot", "-F", "-c", configuration_},
       folder_ / "output");
