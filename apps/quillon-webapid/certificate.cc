@@ -14,6 +14,7 @@
 #include <system_error>
 #include <type_traits>
 
+#include <quillon/platform/host_name.h>
 #include <quillon/platform/replace_file.h>
 
 namespace quillon::webapid {
@@ -75,14 +76,8 @@ using Certificate = Owner<gnutls_x509_crt_t, gnutls_x509_crt_init, gnutls_x509_c
 using PrivateKey =
     Owner<gnutls_x509_privkey_t, gnutls_x509_privkey_init, gnutls_x509_privkey_deinit>;
 
-std::string HostName() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data()
-                                                                             : "localhost";
-}
-
 void Describe(gnutls_x509_crt_t certificate, gnutls_x509_privkey_t key) {
-  const std::string host = HostName();
+  const std::string host = quillon::platform::HostName();
   std::array<unsigned char, 16> serial{};
   Check(gnutls_rnd(GNUTLS_RND_NONCE, serial.data(), serial.size()), "serial number");
   serial[0] &= 0x7f;  // a negative one is refused

@@ -11,6 +11,8 @@
 
 #include <fmt/format.h>
 
+#include <quillon/platform/maildir_folder.h>
+
 #include "shell_word.h"
 
 namespace {
@@ -18,7 +20,6 @@ namespace {
 using quillon::platform::Configuration;
 
 constexpr std::string_view kKeyOfDovecot = "{name}/quota/storage";
-constexpr std::string_view kSqliteScheme = "sqlite://";
 
 // By the sizes of the messages, which is what a count of ours makes, too.
 constexpr char kQuota[] = "maildir:User quota";
@@ -116,8 +117,7 @@ std::string Heading(const std::string& source) {
 }
 
 std::string SqlSettings(const Configuration::Quota& quota, const std::string& source) {
-  const std::string_view store = quota.store;
-  const bool is_sqlite = store.starts_with(kSqliteScheme);
+  const std::string file = quota.SqliteFile();
   return fmt::format(
       "{}\n"
       "driver = {}\n"
@@ -126,21 +126,20 @@ std::string SqlSettings(const Configuration::Quota& quota, const std::string& so
       "# A limit of 0 is none; so is one that is not there, or larger than Dovecot can count.\n"
       "user_query = {}\n"
       "iterate_query = SELECT name AS user FROM mail_user\n",
-      Heading(source), is_sqlite ? "sqlite" : "pgsql",
-      is_sqlite ? store.substr(kSqliteScheme.size()) : store,
+      Heading(source), file.empty() ? "pgsql" : "sqlite", file.empty() ? quota.store : file,
       fmt::format(kUserQuery, fmt::arg("digits", kMostDigits)));
 }
 
-std::string MailAccess(const std::string& group, const Configuration::Maildir& maildir) {
+std::string MailAccess(const std::string& group) {
   return !group.empty()
              ? fmt::format("mail_access_groups = {}\n", group)
              : fmt::format(
-                   "# {0}/{1} has no group of its own that may write to it, with the sticky bit "
+                   "# {} has no group of its own that may write to it, with the sticky bit "
                    "set:\n"
                    "# mail for a user without a mail directory fails, and nobody is warned. Give "
                    "it one\n"
                    "# (chgrp GROUP, chmod 1771), and make this file anew.\n",
-                   maildir.root, maildir.domain);
+                   quillon::platform::MaildirFolder());
 }
 
 // Who may have a user warned: the mail processes, and nobody else.
@@ -150,7 +149,7 @@ std::string WarningListener(const std::string& group) {
 
 std::string MailSettings(const Configuration& configuration, const std::string& source,
                          const std::string& sql_file, const std::string& warning_script) {
-  const std::string group = GroupOfMailFolder(configuration.maildir);
+  const std::string group = GroupOfMailFolder();
   return fmt::format(
       R"({heading}
 # Names are those of the accounts as they are, with capitals, signs and a plus.
@@ -191,8 +190,7 @@ service quota-warning {{
       fmt::arg("min_uid", configuration.accounts.min_uid),
       fmt::arg("max_uid", configuration.accounts.max_uid), fmt::arg("quota", kQuota),
       fmt::arg("usage", Value(UsageStore(configuration.usage))), fmt::arg("script", warning_script),
-      fmt::arg("access", MailAccess(group, configuration.maildir)),
-      fmt::arg("listener", WarningListener(group)));
+      fmt::arg("access", MailAccess(group)), fmt::arg("listener", WarningListener(group)));
 }
 
 std::string WarningScript(const std::string& source, const std::string& folder) {
@@ -224,6 +222,10 @@ printf '%s\n' "$message" |
 
 }  // namespace
 
+std::string DovecotSettingsFile(const std::string& folder) {
+  return folder + "/conf.d/99-quillon.conf";
+}
+
 std::vector<DovecotValue> DovecotNameValues() {
   return {{"auth_username_format", "%u"}, {"auth_username_chars", ""}, {"recipient_delimiter", ""}};
 }
@@ -250,8 +252,8 @@ std::string DovecotQuotaRule(const std::string& limit) {
 
 // Every user's mail is read with it, so it must not be root's, nor let one user's processes take
 // another one's directory away.
-std::string GroupOfMailFolder(const Configuration::Maildir& maildir) {
-  const std::string folder = maildir.root + "/" + maildir.domain;
+std::string GroupOfMailFolder() {
+  const std::string folder = quillon::platform::MaildirFolder();
   struct stat status {};
   if (::stat(folder.c_str(), &status) != 0) {
     throw std::system_error(errno, std::generic_category(), folder);
@@ -270,8 +272,8 @@ std::vector<SettingsFile> DovecotSettings(const Configuration& configuration,
   const std::string sql_file = folder + "/quillon-sql.conf.ext";
   const std::string script = ScriptIn(folder);
   // The store's password is in the second one.
-  return {{folder + "/conf.d/99-quillon.conf",
-           MailSettings(configuration, source, sql_file, script), 0644},
-          {sql_file, SqlSettings(configuration.quota, source), 0600},
-          {script, WarningScript(source, folder), 0755}};
+  return {
+      {DovecotSettingsFile(folder), MailSettings(configuration, source, sql_file, script), 0644},
+      {sql_file, SqlSettings(configuration.quota, source), 0600},
+      {script, WarningScript(source, folder), 0755}};
 }

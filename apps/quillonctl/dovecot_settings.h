@@ -8,6 +8,12 @@
 
 #include <quillon/platform/configuration.h>
 
+/// Where Dovecot has its settings as a rule.
+inline constexpr char kDovecotFolder[] = "/etc/dovecot";
+
+/// The file that Dovecot reads ours from, in its folder of settings.
+std::string DovecotSettingsFile(const std::string& folder);
+
 /// A file of settings for another program.
 struct SettingsFile {
   std::string path;
@@ -49,4 +55,4 @@ std::vector<SettingsFile> DovecotSettings(const quillon::platform::Configuration
 /// The group that may make mail directories, by its name; empty when none may, or none that has a
 /// name, or none that every user's mail may be read with. Throws `std::system_error` when the
 /// folder of the mail directories cannot be looked at.
-std::string GroupOfMailFolder(const quillon::platform::Configuration::Maildir& maildir);
+std::string GroupOfMailFolder();

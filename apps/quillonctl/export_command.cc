@@ -17,8 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kDovecotFolder[] = "/etc/dovecot";
-
 struct ExportOptions {
   std::string output;  // empty: standard output
 };

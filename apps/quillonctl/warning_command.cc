@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/host_name.h>
 #include <velamailserver/maillog.h>
 
 #include "input.h"
@@ -43,12 +43,6 @@ There are more than {level} of mail in the mailbox of {name} now.{consequence}
 
 Please remove what you do not need any more, in "Sent" and "Trash", too.
 )";
-
-std::string HostName() {
-  std::array<char, 256> name{};
-  return ::gethostname(name.data(), name.size() - 1) == 0 && name[0] != '\0' ? name.data()
-                                                                             : "localhost";
-}
 
 std::string OurMessage(const WarningOptions& options, const std::string& host) {
   const std::string consequence =
@@ -96,7 +90,7 @@ int Warn(const WarningOptions& options) {
   maillog(LOG_WARNING, "%s:%d the mail of %s has grown beyond the warning level of %llu bytes",
           kSourceFile, kWarnedLine, options.name.c_str(), options.level);
   const std::string own = quillon::platform::CurrentConfiguration()->quota.warning_message;
-  const std::string host = HostName();
+  const std::string host = quillon::platform::HostName();
   WriteOutput(Headers(host) + (own.empty() ? OurMessage(options, host) : OwnMessage(options, own)));
   return kDone;
 }

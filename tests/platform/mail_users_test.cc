@@ -339,7 +339,6 @@ TEST_P(MailUsers, AreListedAsAMailServerHasThem) {
   Sync();
   MailboxQuota().SetGroupQuotaLimit({VelaGroup("staff")}, 18446744073709551615U);
   MailboxQuota().SetUserQuotaLimit({VelaUser("bob")}, 0);
-  MailboxQuota().SetUserQuotaWarning({VelaUser("ann")}, 5);
   const auto users = StoredMailUsers();
   ASSERT_EQ(users.size(), 2U);
   EXPECT_EQ(users[0].name, "ann");
@@ -347,10 +346,8 @@ TEST_P(MailUsers, AreListedAsAMailServerHasThem) {
   EXPECT_EQ(users[0].gid, 100U);
   EXPECT_EQ(users[0].home, folder_ / "spool/local/ann");
   EXPECT_EQ(users[0].limit, "18446744073709551615");
-  EXPECT_EQ(users[0].warning, "5");
   EXPECT_EQ(users[1].name, "bob");
   EXPECT_EQ(users[1].limit, "");
-  EXPECT_EQ(users[1].warning, "");
 }
 
 TEST_P(MailUsers, AreCheckedByAWrite) {

@@ -27,8 +27,6 @@ using testing::IsEmpty;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
-constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
-
 void Give(const std::string& path, gid_t group, mode_t mode) {
   EXPECT_EQ(::chown(path.c_str(), 0, group), 0) << path;
   EXPECT_EQ(::chmod(path.c_str(), mode), 0) << path;
@@ -42,11 +40,11 @@ class DoctorTest : public testing::Test {
     }
     world_.AddAccount("Dora", 1004);
     fs::create_directories(Folder());
-    Give(Folder(), kMailGroup, 01771);
+    Give(Folder(), World::kMailGroup, 01771);
     Give(world_.folder().path(), 0, 0755);
     const fs::path socket = world_.redis().socket();
-    Give(socket.parent_path(), kMailGroup, 0750);
-    Give(socket, kMailGroup, 0770);
+    Give(socket.parent_path(), World::kMailGroup, 0750);
+    Give(socket, World::kMailGroup, 0770);
     Do({"user", "set-quota", "--limit", "10K", "--warning", "9K", "Dora"});
     Do({"quota", "sync"});
     Do({"export", "dovecot", "--output", Settings()});
@@ -228,6 +226,12 @@ TEST_F(DoctorTest, FindsMailUsersOutOfDate) {
   ExpectFailure("mail users", "of the mail users 1 are not", "quillonctl quota sync");
 }
 
+TEST_F(DoctorTest, TakesALinkToTheMailDisk) {
+  fs::create_directory_symlink(world_.folder() / "spool", world_.folder() / "link");
+  ReplaceInSettings("/spool\"", "/link\"");
+  EXPECT_THAT(Failed(), IsEmpty());
+}
+
 TEST_F(DoctorTest, FindsAMailFolderThatAnybodyMayChange) {
   fs::permissions(Folder(), fs::perms(01777));
   ExpectFailure("mail folders", "anybody may write to " + Folder(), "chmod o-w " + Folder());
@@ -287,7 +291,7 @@ TEST_F(DoctorTest, FindsTheFolderThatMailProcessesMayNotEnter) {
 TEST_F(DoctorTest, FindsAnExportFromBeforeTheFolderHadItsGroup) {
   Give(Folder(), 0, 0755);
   Do({"export", "dovecot", "--output", Settings()});
-  Give(Folder(), kMailGroup, 01771);
+  Give(Folder(), World::kMailGroup, 01771);
   EXPECT_THAT(Failed(), ElementsAre("dovecot warnings", "mail processes"));
   EXPECT_THAT(Examine().output,
               AllOf(HasSubstr("mail is not in mail_access_groups, and is the group of " + Folder()),

@@ -18,8 +18,6 @@ using testing::Not;
 using testing::StartsWith;
 namespace fs = std::filesystem;
 
-constexpr gid_t kMailGroup = 8;  // "mail", which every Debian has
-
 class ExportTest : public testing::Test {
  protected:
   ExportTest() { fs::create_directories(world_.folder() / "spool/local"); }
@@ -84,15 +82,15 @@ TEST_F(ExportTest, HasTheGroupThatMayMakeMailDirectories) {
     mode_t mode;
   };
   // Nobody's, without the sticky bit, root's, and without a name.
-  for (const auto& [group, mode] :
-       {Case{kMailGroup, 0755}, Case{kMailGroup, 0771}, Case{0, 01771}, Case{123456, 01771}}) {
+  for (const auto& [group, mode] : {Case{World::kMailGroup, 0755}, Case{World::kMailGroup, 0771},
+                                    Case{0, 01771}, Case{123456, 01771}}) {
     ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), group), 0);
     ASSERT_EQ(::chmod(folder.c_str(), mode), 0);
     EXPECT_THAT(Export().output,
                 AllOf(HasSubstr("# " + folder + " has no group of its own"),
                       HasSubstr("    mode = 0600\n"), Not(HasSubstr("mail_access_groups ="))));
   }
-  ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), kMailGroup), 0);
+  ASSERT_EQ(::chown(folder.c_str(), static_cast<uid_t>(-1), World::kMailGroup), 0);
   EXPECT_THAT(Export().output, AllOf(HasSubstr("\nmail_access_groups = mail\n"),
                                      HasSubstr("    group = mail\n    mode = 0660\n")));
 }

@@ -17,7 +17,8 @@ namespace quillon::test {
 /// is also the configuration of this process. Everything gives up after a second.
 class World {
  public:
-  static constexpr unsigned int kUsers = 100;  ///< gid of the group "users"
+  static constexpr unsigned int kUsers = 100;    ///< gid of the group "users"
+  static constexpr unsigned int kMailGroup = 8;  ///< of "mail", which every Debian has
 
   /// The accounts alice, bob and carol, with the uids 1001 to 1003, and their group "users". The
   /// administrators' group is "admins", which is not there.

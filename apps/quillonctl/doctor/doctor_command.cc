@@ -18,6 +18,7 @@
 #include "count.h"
 #include "doctor/dovecot_checks.h"
 #include "doctor/host_checks.h"
+#include "dovecot_settings.h"
 #include "output.h"
 
 namespace {
@@ -57,8 +58,7 @@ Finding Examine(const Check& check, const std::set<std::string>& failed) {
 
 std::vector<Check> ChecksOf(const DoctorOptions& options, const std::string& source) {
   std::vector<Check> checks = HostChecks();
-  if (options.names_dovecot ||
-      std::filesystem::exists(options.dovecot + "/conf.d/99-quillon.conf")) {
+  if (options.names_dovecot || std::filesystem::exists(DovecotSettingsFile(options.dovecot))) {
     const auto dovecot = DovecotChecks(options.dovecot, source);
     checks.insert(checks.end(), dovecot.begin(), dovecot.end());
   } else {
@@ -150,7 +150,7 @@ void AddDoctorCommand(CLI::App& app, const CLI::Option& configuration, Command& 
   const CLI::Option* folder =
       doctor->add_option("--dovecot", options->dovecot, "Dovecot's folder of settings")
           ->type_name("DIR")
-          ->default_val("/etc/dovecot");
+          ->default_val(kDovecotFolder);
   doctor->add_flag("--json", options->as_json, "print JSON");
   doctor->footer("Example: quillonctl doctor");
   doctor->callback([options, folder, &configuration, &command] {

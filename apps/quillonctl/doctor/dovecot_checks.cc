@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/maildir_folder.h>
 #include <quillon/platform/store_check.h>
 
 #include "count.h"
@@ -84,6 +85,8 @@ class Dovecot {
 
  private:
   void Require(const DovecotValue& expected, const std::string& protocol = "");
+  // For each protocol.
+  void RequireForAll(const std::vector<DovecotValue>& expected);
   std::string ExportAnew() const {
     return fmt::format("quillonctl export dovecot --output {} && doveadm reload",
                        ShellWord(folder_));
@@ -105,6 +108,14 @@ void Dovecot::Require(const DovecotValue& expected, const std::string& protocol)
                               protocol.empty() ? "" : " for " + protocol, value, expected.value),
                   fmt::format("take it out where it is set so (grep -rn {} {}), or {}", key,
                               ShellWord(folder_), ExportAnew()));
+  }
+}
+
+void Dovecot::RequireForAll(const std::vector<DovecotValue>& expected) {
+  for (const char* protocol : kProtocols) {
+    for (const DovecotValue& value : expected) {
+      Require(value, protocol);
+    }
   }
 }
 
@@ -135,7 +146,7 @@ std::string Dovecot::CheckSettings() {
   const std::string dictionary = settings_.Get("plugin/quota_clone_dict");
   if (dictionary.empty() && settings_.Get("service/quota-warning/executable").empty()) {
     throw Problem(
-        fmt::format("{} does not include {}/conf.d/99-quillon.conf", settings_.file(), folder_),
+        fmt::format("{} does not include {}", settings_.file(), DovecotSettingsFile(folder_)),
         "put the line \"!include conf.d/*.conf\" into it");
   }
   return settings_.file();
@@ -184,27 +195,17 @@ std::string Dovecot::CheckPlugins() {
 }
 
 std::string Dovecot::CheckUsageStore() {
-  for (const char* protocol : kProtocols) {
-    Require(DovecotUsageValue(CurrentConfiguration()->usage), protocol);
-  }
+  RequireForAll({DovecotUsageValue(CurrentConfiguration()->usage)});
   return "server and key are the same on both sides";
 }
 
 std::string Dovecot::CheckNames() {
-  for (const char* protocol : kProtocols) {
-    for (const DovecotValue& value : DovecotNameValues()) {
-      Require(value, protocol);
-    }
-  }
+  RequireForAll(DovecotNameValues());
   return "are taken as they are";
 }
 
 std::string Dovecot::CheckQuota() {
-  for (const char* protocol : kProtocols) {
-    for (const DovecotValue& value : DovecotQuotaValues()) {
-      Require(value, protocol);
-    }
-  }
+  RequireForAll(DovecotQuotaValues());
   return "limits are held to the byte";
 }
 
@@ -214,7 +215,7 @@ std::string Dovecot::CheckWarnings() {
     Require(value);
   }
   const std::string listener = "service/quota-warning/unix_listener/quota-warning/";
-  Require({listener + "group", GroupOfMailFolder(configuration->maildir)});
+  Require({listener + "group", GroupOfMailFolder()});
   Require({listener + "mode", "0660"});
   if (!configuration->quota.warning_message.empty()) {
     ReadWarningMessage(configuration->quota.warning_message);
@@ -344,9 +345,8 @@ void RequireWay(const fs::path& folder) {
 
 std::string Dovecot::CheckProcesses() {
   const StoredMailUser user = ChooseUser(Users());
-  const auto configuration = CurrentConfiguration();
-  const std::string folder = configuration->maildir.root + "/" + configuration->maildir.domain;
-  const std::string group = GroupOfMailFolder(configuration->maildir);
+  const std::string folder = quillon::platform::MaildirFolder();
+  const std::string group = GroupOfMailFolder();
   if (group.empty()) {
     throw Problem(fmt::format("no group may make mail directories in {}", folder),
                   fmt::format("chgrp quillon-mail {0} && chmod 1771 {0} && {1}", ShellWord(folder),

@@ -5,13 +5,13 @@
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 
 #include <fmt/format.h>
 
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/mail_users.h>
+#include <quillon/platform/maildir_folder.h>
 #include <quillon/platform/store_check.h>
 #include <quillon/platform/usage_count.h>
 #include <velamailserver/velasdk/file_lock_guard.h>
@@ -26,7 +26,6 @@ using quillon::platform::CurrentConfiguration;
 namespace fs = std::filesystem;
 
 constexpr double kMostClockError = 2;  // seconds
-constexpr std::string_view kSqliteScheme = "sqlite://";
 
 std::string CheckAccounts() {
   const auto changes = ChangesOfMailUsers();
@@ -34,9 +33,8 @@ std::string CheckAccounts() {
 }
 
 std::string CheckMailFolders() {
-  const Configuration::Maildir maildir = CurrentConfiguration()->maildir;
-  const std::string folder = maildir.root + "/" + maildir.domain;
-  for (const std::string& path : {maildir.root, folder}) {
+  const std::string folder = quillon::platform::MaildirFolder();
+  for (const std::string& path : {fs::path(folder).parent_path().string(), folder}) {
     if (!S_ISDIR(StatusOf(path).st_mode)) {
       throw Problem(path + " is no folder", "correct maildir.root and maildir.domain");
     }
@@ -46,12 +44,11 @@ std::string CheckMailFolders() {
 }
 
 std::string CheckQuotaStore() {
-  const std::string store = CurrentConfiguration()->quota.store;
-  if (!store.starts_with(kSqliteScheme)) {
+  const std::string file = CurrentConfiguration()->quota.SqliteFile();
+  if (file.empty()) {
     quillon::platform::CheckQuotaStore();
     return "PostgreSQL, can be written to";
   }
-  const std::string file = store.substr(kSqliteScheme.size());
   if (!fs::exists(fs::symlink_status(file))) {
     throw Problem(file + " is not there",
                   "correct quota.store; if it is right and the store new, quillonctl quota sync "
@@ -69,7 +66,7 @@ std::string CheckUsageStore() {
 }
 
 std::string CheckClock() {
-  const auto offset = quillon::platform::CheckUsageStore();
+  const auto offset = quillon::platform::ClockOffsetOfUsageStore();
   if (!offset) {
     throw Note("the usage store does not tell its time");
   }

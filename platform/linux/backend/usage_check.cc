@@ -61,10 +61,15 @@ double OwnTime() {
 
 }  // namespace
 
-std::optional<double> CheckUsageStore() {
+void CheckUsageStore() {
   RedisConnection connection;
   WriteEntry(connection);
+}
+
+std::optional<double> ClockOffsetOfUsageStore() {
+  RedisConnection connection;
   try {
+    connection.Open();
     const double before = OwnTime();
     const double server = ServerTime(connection);
     const double after = OwnTime();

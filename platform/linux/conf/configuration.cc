@@ -144,8 +144,10 @@ const char* ObjectToFolderName(const std::string& name) {
              : nullptr;
 }
 
+constexpr std::string_view kSqliteFile = "sqlite:///";  // the last slash is the path's
+
 const char* ObjectToStore(const std::string& url) {
-  return (url.starts_with("sqlite:///") && url.size() > std::strlen("sqlite:///")) ||
+  return (url.starts_with(kSqliteFile) && url.size() > kSqliteFile.size()) ||
                  url.starts_with("postgresql://")
              ? nullptr
              : "must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL";
@@ -316,6 +318,10 @@ std::mutex current_mutex;
 std::shared_ptr<const Configuration> current;
 
 }  // namespace
+
+std::string Configuration::Quota::SqliteFile() const {
+  return store.starts_with(kSqliteFile) ? store.substr(kSqliteFile.size() - 1) : "";
+}
 
 Configuration LoadConfiguration(const std::string& path) {
   return Read(path, Parse(path, ReadTrustedText(path)));

@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include <quillon/platform/configuration.h>
+#include <quillon/platform/maildir_folder.h>
 #include <velamailserver/account/maildir.h>
 #include <velamailserver/log_exception.h>
 #include <velamailserver/velasdk/vela_user.h>

@@ -19,9 +19,6 @@ std::string MaildirRoot();
 /// seem to have no mail.
 FileDescriptor OpenMaildirRoot();
 
-/// Absolute path of the folder with the mail directories of the accounts.
-std::string MaildirFolder();
-
 /// Whether an account of this name can have a mail directory.
 bool IsFolderName(std::string_view name);
 

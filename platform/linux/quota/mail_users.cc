@@ -10,6 +10,7 @@
 
 #include <quillon/platform/configuration.h>
 #include <quillon/platform/mail_users.h>
+#include <quillon/platform/maildir_folder.h>
 #include <quillon/platform/utf8.h>
 #include <velamailserver/log_exception.h>
 #include <velamailserver/maillog.h>

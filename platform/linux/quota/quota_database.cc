@@ -218,11 +218,11 @@ std::vector<StoredMailUser> QuotaDatabase::ListMailUsers() {
     long long uid = 0;
     long long gid = 0;
     soci::statement rows =
-        (session_->prepare << fmt::format("SELECT name, uid, gid, home, coalesce(quota_limit, ''),"
-                                          " coalesce(quota_warning, '') FROM {} ORDER BY uid",
+        (session_->prepare << fmt::format("SELECT name, uid, gid, home, coalesce(quota_limit, '')"
+                                          " FROM {} ORDER BY uid",
                                           kMailUserQuotaView),
          soci::into(user.name), soci::into(uid), soci::into(gid), soci::into(user.home),
-         soci::into(user.limit), soci::into(user.warning));
+         soci::into(user.limit));
     std::vector<StoredMailUser> users;
     rows.execute();
     while (rows.fetch()) {

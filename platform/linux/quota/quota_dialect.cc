@@ -24,8 +24,6 @@ constexpr char kSourceFile[] = "platform/linux/quota/quota_dialect";
 constexpr int kNoModuleLine = 31;
 constexpr int kUnknownUrlLine = 43;
 
-constexpr char kSqliteScheme[] = "sqlite://";
-
 // By its path, so that no environment variable decides what is loaded.
 std::string ModulePath() {
   Dl_info here{};
@@ -53,9 +51,8 @@ std::unique_ptr<QuotaDialect> QuotaDialect::Of(const Configuration::Quota& setti
     static MakePostgresqlDialectFunction* const make = LoadPostgresql();
     return std::unique_ptr<QuotaDialect>(make(settings.store, settings.busy_timeout));
   }
-  if (settings.store.starts_with(kSqliteScheme + std::string("/"))) {
-    return MakeSqliteDialect(settings.store.substr(std::strlen(kSqliteScheme)),
-                             settings.busy_timeout);
+  if (const std::string file = settings.SqliteFile(); !file.empty()) {
+    return MakeSqliteDialect(file, settings.busy_timeout);
   }
   throw LogException(ERR_BAD_DB_SESSION,
                      "quota.store must be sqlite:///ABSOLUTE/PATH or a postgresql:// URL", 3,

@@ -48,6 +48,9 @@ struct Configuration {
     int busy_timeout = 5;
     /// A file with the message for a user beyond the warning level; empty: our own.
     std::string warning_message;
+
+    /// The path of a store in SQLite; empty for another one.
+    std::string SqliteFile() const;
   } quota;
 
   /// The usage store.
